@@ -1,0 +1,113 @@
+#include "tarvolin/index/IndexBuilder.h"
+
+#include <algorithm>
+
+#include "tarvolin/index/IndexStore.h"
+#include "tarvolin/platform/Precondition.h"
+#include "tarvolin/platform/Unicode.h"
+
+namespace tarvolin {
+
+namespace {
+constexpr uint64_t kMaxRecords = 0xFFFFFFFFull;  // IDs 0 ... 2^32 - 2; 0xFFFFFFFF is "no parent"
+constexpr uint64_t kMaxBlobBytes = 0xFFFFFFFFull;
+}  // namespace
+
+IndexBuilder::IndexBuilder(int64_t reservingRecords, int64_t reservingBlobBytes) {
+  if (reservingRecords > 0) records_.reserve(static_cast<size_t>(reservingRecords));
+  if (reservingBlobBytes > 0) nameBlob_.reserve(static_cast<size_t>(reservingBlobBytes));
+}
+
+uint32_t IndexBuilder::appendRecord(const uint8_t* name, size_t length, uint32_t parentID,
+                                    RecordFlags flags, uint8_t volumeIndex) {
+  size_t n = std::min(length, maxNameBytes);
+  TARVOLIN_PRECONDITION(records_.size() < kMaxRecords);
+  TARVOLIN_PRECONDITION(nameBlob_.size() + n <= kMaxBlobBytes);
+  auto offset = static_cast<uint32_t>(nameBlob_.size());
+  auto id = static_cast<uint32_t>(records_.size());
+  nameBlob_.insert(nameBlob_.end(), name, name + n);
+  records_.emplace_back(parentID, offset, static_cast<uint8_t>(n), flags, volumeIndex, 0, 0);
+  return id;
+}
+
+uint32_t IndexBuilder::addEntry(std::string_view name, uint32_t parentID, RecordFlags flags,
+                                uint8_t volumeIndex) {
+  return appendRecord(reinterpret_cast<const uint8_t*>(name.data()), name.size(), parentID, flags,
+                      volumeIndex);
+}
+
+uint32_t IndexBuilder::addEntry(std::span<const uint8_t> nameBytes, uint32_t parentID,
+                                RecordFlags flags, uint8_t volumeIndex) {
+  return appendRecord(nameBytes.data(), nameBytes.size(), parentID, flags, volumeIndex);
+}
+
+void IndexBuilder::setAttributes(uint32_t id, uint64_t size, uint32_t mtime) {
+  TARVOLIN_PRECONDITION(id < records_.size());
+  FileRecord& record = records_[id];
+  record.size = size;
+  record.mtime = mtime;
+  record.flags.insert(RecordFlags::attrsFilled);
+}
+
+std::string_view IndexBuilder::nameBytes(uint32_t id) const {
+  TARVOLIN_PRECONDITION(id < records_.size());
+  const FileRecord& record = records_[id];
+  return {reinterpret_cast<const char*>(nameBlob_.data()) + record.nameOffset, record.nameLen};
+}
+
+std::string IndexBuilder::name(uint32_t id) const {
+  return platform::decodeUtf8Lossy(nameBytes(id));
+}
+
+std::vector<uint32_t> IndexBuilder::merge(const IndexBuilder& other, uint32_t parent) {
+  uint64_t base = records_.size();
+  uint64_t blobBase = nameBlob_.size();
+  TARVOLIN_PRECONDITION(base + other.records_.size() <= kMaxRecords);
+  TARVOLIN_PRECONDITION(blobBase + other.nameBlob_.size() <= kMaxBlobBytes);
+  auto recordBase = static_cast<uint32_t>(base);
+  auto offsetBase = static_cast<uint32_t>(blobBase);
+
+  nameBlob_.insert(nameBlob_.end(), other.nameBlob_.begin(), other.nameBlob_.end());
+  std::vector<uint32_t> newIDs;
+  newIDs.reserve(other.records_.size());
+  records_.reserve(records_.size() + other.records_.size());
+  uint32_t oldID = 0;
+  for (const FileRecord& record : other.records_) {
+    FileRecord copy = record;
+    copy.nameOffset += offsetBase;
+    copy.parentID =
+        record.parentID == FileRecord::rootParentID ? parent : record.parentID + recordBase;
+    records_.push_back(copy);
+    newIDs.push_back(oldID++ + recordBase);
+  }
+  return newIDs;
+}
+
+std::optional<uint32_t> IndexBuilder::copyVolume(const IndexStore& store, uint8_t volumeIndex,
+                                                 uint8_t newVolumeIndex) {
+  // Old IDs are dense, so the old-to-new map is a flat table; 0xFFFFFFFF marks "not copied".
+  constexpr uint32_t kUnmapped = 0xFFFFFFFF;
+  std::vector<uint32_t> newID;
+  std::optional<uint32_t> first;
+  uint32_t count = store.count();
+  for (uint32_t id = 0; id < count; ++id) {
+    const FileRecord& record = store[id];
+    if (record.volumeIndex != volumeIndex) continue;
+    uint32_t parent = FileRecord::rootParentID;
+    if (record.parentID != FileRecord::rootParentID) {
+      if (record.parentID >= newID.size() || newID[record.parentID] == kUnmapped) continue;
+      parent = newID[record.parentID];
+    }
+    std::string_view name = store.nameBytes(id);
+    uint32_t copied = addEntry(name, parent, record.flags, newVolumeIndex);
+    if (record.flags.contains(RecordFlags::attrsFilled)) {
+      setAttributes(copied, record.size, record.mtime);
+    }
+    if (newID.empty()) newID.assign(count, kUnmapped);
+    newID[id] = copied;
+    if (!first) first = copied;
+  }
+  return first;
+}
+
+}  // namespace tarvolin

@@ -1,0 +1,54 @@
+#include "tarvolin/index/IndexWriter.h"
+
+#include "tarvolin/index/FastHash64.h"
+#include "tarvolin/index/IndexError.h"
+#include "tarvolin/platform/AtomicFile.h"
+#include "tarvolin/platform/Precondition.h"
+
+namespace tarvolin::IndexWriter {
+
+namespace {
+
+std::span<const uint8_t> recordBytes(const IndexBuilder& builder) {
+  const auto& records = builder.records();
+  return {reinterpret_cast<const uint8_t*>(records.data()), records.size() * sizeof(FileRecord)};
+}
+
+}  // namespace
+
+IndexHeader headerFor(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes) {
+  FastHash64::Rolling checksum;
+  checksum.update(recordBytes(builder));
+  checksum.update(builder.nameBlob());
+
+  size_t filled = 0;
+  for (const FileRecord& record : builder.records()) {
+    if (record.flags.contains(RecordFlags::attrsFilled)) ++filled;
+  }
+  size_t count = builder.records().size();
+  TARVOLIN_PRECONDITION(count <= 0xFFFFFFFFull);
+  TARVOLIN_PRECONDITION(builder.nameBlob().size() <= 0xFFFFFFFFull);
+
+  IndexHeader header;
+  header.recordCount = static_cast<uint32_t>(count);
+  header.nameBlobLength = static_cast<uint32_t>(builder.nameBlob().size());
+  header.checksum = checksum.finish();
+  header.volumes = volumes;
+  header.attrsCompleteness = filled == 0       ? AttrsCompleteness::none
+                             : filled == count ? AttrsCompleteness::complete
+                                               : AttrsCompleteness::partial;
+  return header;
+}
+
+void write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
+           const std::filesystem::path& target) {
+  IndexHeader header = headerFor(builder, volumes);
+  platform::AtomicFile file(target);
+  // The temporary file exists now; the AtomicFile removes it if anything below throws.
+  file.write(header.encodeChecked());
+  file.write(recordBytes(builder));
+  file.write(builder.nameBlob());
+  file.commit();
+}
+
+}  // namespace tarvolin::IndexWriter

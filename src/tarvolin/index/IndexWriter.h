@@ -1,0 +1,23 @@
+#pragma once
+// Writes a builder as a complete index file. The bytes go to "<target>.tmp" beside the target,
+// which is fsynced and renamed over it, and the folder is fsynced: readers and crashes see the
+// old index or the new one whole. Any failure removes the temporary file and leaves the target
+// untouched. Safe to call from any thread for distinct targets.
+
+#include <filesystem>
+#include <vector>
+
+#include "tarvolin/index/IndexBuilder.h"
+#include "tarvolin/index/IndexHeader.h"
+
+namespace tarvolin::IndexWriter {
+
+/// Throws IndexError::tooManyVolumes for more than 12 volumes, std::system_error (or
+/// std::filesystem::filesystem_error) for file-system failures.
+void write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
+           const std::filesystem::path& target);
+
+/// The header `write` would put in front of the builder's bytes (checksum and completeness).
+IndexHeader headerFor(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes);
+
+}  // namespace tarvolin::IndexWriter

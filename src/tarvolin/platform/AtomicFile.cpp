@@ -1,0 +1,84 @@
+#include "tarvolin/platform/AtomicFile.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "tarvolin/platform/SystemError.h"
+
+namespace tarvolin::platform {
+
+namespace {
+
+std::filesystem::path withTmpExtension(const std::filesystem::path& target) {
+  std::filesystem::path temporary = target;
+  temporary += ".tmp";
+  return temporary;
+}
+
+void syncFolder(const std::filesystem::path& folder) {
+  FileDescriptor dir = FileDescriptor::tryOpen(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
+  // A folder that cannot be opened for fsync (some file systems refuse) does not undo the rename.
+  if (!dir.valid()) return;
+  ::fsync(dir.get());
+}
+
+}  // namespace
+
+AtomicFile::AtomicFile(std::filesystem::path target, std::filesystem::path temporary)
+    : target_(std::move(target)), temporary_(std::move(temporary)) {
+  std::filesystem::path folder = target_.parent_path();
+  if (!folder.empty()) std::filesystem::create_directories(folder);
+  fd_ = FileDescriptor::open(temporary_, O_WRONLY | O_CREAT | O_TRUNC, 0644);
+}
+
+AtomicFile::AtomicFile(std::filesystem::path target)
+    : AtomicFile(target, withTmpExtension(target)) {}
+
+AtomicFile::~AtomicFile() {
+  if (!committed_) discard();
+}
+
+void AtomicFile::discard() noexcept {
+  if (fd_.valid()) ::close(fd_.release());
+  ::unlink(temporary_.c_str());
+}
+
+void AtomicFile::write(std::span<const uint8_t> bytes) {
+  try {
+    fd_.writeAll(bytes);
+  } catch (...) {
+    discard();
+    committed_ = true;  // nothing left to clean up
+    throw;
+  }
+}
+
+void AtomicFile::write(std::string_view text) {
+  write(std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(text.data()), text.size()));
+}
+
+void AtomicFile::commit() {
+  try {
+    fd_.sync();
+    fd_.close();
+    if (::rename(temporary_.c_str(), target_.c_str()) != 0) throwErrno("rename " + target_.string());
+  } catch (...) {
+    discard();
+    committed_ = true;
+    throw;
+  }
+  committed_ = true;
+  syncFolder(target_.parent_path());
+}
+
+void AtomicFile::replaceContents(const std::filesystem::path& target,
+                                 std::span<const uint8_t> bytes) {
+  AtomicFile file(target);
+  file.write(bytes);
+  file.commit();
+}
+
+}  // namespace tarvolin::platform

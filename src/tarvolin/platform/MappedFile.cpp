@@ -1,0 +1,49 @@
+#include "tarvolin/platform/MappedFile.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "tarvolin/platform/FileDescriptor.h"
+
+namespace tarvolin::platform {
+
+MappedFile MappedFile::open(const std::filesystem::path& path, bool populate) {
+  FileDescriptor fd = FileDescriptor::tryOpen(path, O_RDONLY);
+  if (!fd.valid()) throw Error{Failure::open, errno};
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0) throw Error{Failure::stat, errno};
+  // A directory opens read-only on Linux; it is not a file we can map.
+  if (!S_ISREG(st.st_mode)) throw Error{Failure::stat, EISDIR};
+  uint64_t size = static_cast<uint64_t>(st.st_size);
+  if (size == 0) return MappedFile();
+  int flags = MAP_PRIVATE | (populate ? MAP_POPULATE : 0);
+  void* data = ::mmap(nullptr, size, PROT_READ, flags, fd.get(), 0);
+  if (data == MAP_FAILED) throw Error{Failure::map, errno};
+  return MappedFile(static_cast<const uint8_t*>(data), size);
+}
+
+MappedFile::~MappedFile() { unmap(); }
+
+MappedFile::MappedFile(MappedFile&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+
+MappedFile& MappedFile::operator=(MappedFile&& other) noexcept {
+  if (this != &other) {
+    unmap();
+    data_ = std::exchange(other.data_, nullptr);
+    size_ = std::exchange(other.size_, 0);
+  }
+  return *this;
+}
+
+void MappedFile::unmap() {
+  if (data_ != nullptr) ::munmap(const_cast<uint8_t*>(data_), size_);
+  data_ = nullptr;
+  size_ = 0;
+}
+
+}  // namespace tarvolin::platform

@@ -1,0 +1,206 @@
+#include "tarvolin/platform/Unicode.h"
+
+#include <utf8proc.h>
+
+#include <cstdlib>
+#include <memory>
+
+namespace tarvolin::platform {
+
+namespace {
+
+constexpr char32_t kReplacement = 0xFFFD;
+
+// Length of the well-formed sequence starting at bytes[i], or the length of the maximal invalid
+// subpart (at least 1) negated.
+int sequenceLength(std::string_view bytes, size_t i, char32_t& codePoint) {
+  const auto* s = reinterpret_cast<const unsigned char*>(bytes.data());
+  size_t n = bytes.size();
+  unsigned char b0 = s[i];
+  if (b0 < 0x80) {
+    codePoint = b0;
+    return 1;
+  }
+  int length;
+  unsigned char lo = 0x80, hi = 0xBF;
+  if (b0 >= 0xC2 && b0 <= 0xDF) {
+    length = 2;
+  } else if (b0 >= 0xE0 && b0 <= 0xEF) {
+    length = 3;
+    if (b0 == 0xE0) lo = 0xA0;
+    if (b0 == 0xED) hi = 0x9F;
+  } else if (b0 >= 0xF0 && b0 <= 0xF4) {
+    length = 4;
+    if (b0 == 0xF0) lo = 0x90;
+    if (b0 == 0xF4) hi = 0x8F;
+  } else {
+    return -1;
+  }
+  char32_t value = b0 & (0xFF >> (length + 1));
+  for (int k = 1; k < length; ++k) {
+    if (i + k >= n) return -k;
+    unsigned char b = s[i + k];
+    unsigned char low = k == 1 ? lo : 0x80, high = k == 1 ? hi : 0xBF;
+    if (b < low || b > high) return -k;
+    value = (value << 6) | (b & 0x3F);
+  }
+  codePoint = value;
+  return length;
+}
+
+struct FreeDeleter {
+  void operator()(void* p) const { std::free(p); }
+};
+
+}  // namespace
+
+bool isValidUtf8(std::string_view bytes) {
+  size_t i = 0;
+  while (i < bytes.size()) {
+    if (static_cast<unsigned char>(bytes[i]) < 0x80) {
+      ++i;
+      continue;
+    }
+    char32_t cp;
+    int length = sequenceLength(bytes, i, cp);
+    if (length < 0) return false;
+    i += static_cast<size_t>(length);
+  }
+  return true;
+}
+
+char32_t decodeCodePoint(std::string_view bytes, size_t& index) {
+  char32_t cp;
+  int length = sequenceLength(bytes, index, cp);
+  if (length < 0) {
+    index += static_cast<size_t>(-length);
+    return kReplacement;
+  }
+  index += static_cast<size_t>(length);
+  return cp;
+}
+
+void appendCodePoint(std::string& out, char32_t cp) {
+  if (cp < 0x80) {
+    out.push_back(static_cast<char>(cp));
+  } else if (cp < 0x800) {
+    out.push_back(static_cast<char>(0xC0 | (cp >> 6)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  } else if (cp < 0x10000) {
+    out.push_back(static_cast<char>(0xE0 | (cp >> 12)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  } else {
+    out.push_back(static_cast<char>(0xF0 | (cp >> 18)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
+    out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
+  }
+}
+
+void appendUtf8Lossy(std::string& out, std::string_view bytes) {
+  size_t i = 0;
+  while (i < bytes.size()) {
+    size_t runStart = i;
+    // Copy runs of well-formed text in one append.
+    while (i < bytes.size()) {
+      if (static_cast<unsigned char>(bytes[i]) < 0x80) {
+        ++i;
+        continue;
+      }
+      char32_t cp;
+      int length = sequenceLength(bytes, i, cp);
+      if (length < 0) break;
+      i += static_cast<size_t>(length);
+    }
+    out.append(bytes.data() + runStart, i - runStart);
+    if (i < bytes.size()) {
+      char32_t cp;
+      int length = sequenceLength(bytes, i, cp);
+      i += static_cast<size_t>(-length);
+      appendCodePoint(out, kReplacement);
+    }
+  }
+}
+
+std::string decodeUtf8Lossy(std::string_view bytes) {
+  std::string out;
+  out.reserve(bytes.size());
+  appendUtf8Lossy(out, bytes);
+  return out;
+}
+
+std::string nfc(std::string_view text) {
+  std::string valid = decodeUtf8Lossy(text);
+  bool ascii = true;
+  for (char c : valid) {
+    if (static_cast<unsigned char>(c) >= 0x80) {
+      ascii = false;
+      break;
+    }
+  }
+  if (ascii) return valid;
+  std::unique_ptr<utf8proc_uint8_t, FreeDeleter> composed(
+      utf8proc_NFC(reinterpret_cast<const utf8proc_uint8_t*>(valid.c_str())));
+  if (!composed) return valid;
+  return std::string(reinterpret_cast<const char*>(composed.get()));
+}
+
+bool equalAsText(std::string_view a, std::string_view b) {
+  if (a == b) return true;
+  return nfc(a) == nfc(b);
+}
+
+std::string lowercase(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  size_t i = 0;
+  while (i < text.size()) {
+    unsigned char c = static_cast<unsigned char>(text[i]);
+    if (c < 0x80) {
+      out.push_back(static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c));
+      ++i;
+      continue;
+    }
+    char32_t cp = decodeCodePoint(text, i);
+    if (cp == 0x130) {
+      out.push_back('i');
+      appendCodePoint(out, 0x307);
+    } else {
+      appendCodePoint(out, static_cast<char32_t>(utf8proc_tolower(static_cast<utf8proc_int32_t>(cp))));
+    }
+  }
+  return out;
+}
+
+std::vector<std::string> graphemeClusters(std::string_view text) {
+  std::vector<std::string> clusters;
+  utf8proc_int32_t state = 0;
+  utf8proc_int32_t previous = -1;
+  size_t i = 0;
+  while (i < text.size()) {
+    char32_t cp = decodeCodePoint(text, i);
+    auto current = static_cast<utf8proc_int32_t>(cp);
+    if (previous < 0 || utf8proc_grapheme_break_stateful(previous, current, &state)) {
+      clusters.emplace_back();
+    }
+    appendCodePoint(clusters.back(), cp);
+    previous = current;
+  }
+  return clusters;
+}
+
+size_t graphemeCount(std::string_view text) {
+  size_t count = 0;
+  utf8proc_int32_t state = 0;
+  utf8proc_int32_t previous = -1;
+  size_t i = 0;
+  while (i < text.size()) {
+    auto current = static_cast<utf8proc_int32_t>(decodeCodePoint(text, i));
+    if (previous < 0 || utf8proc_grapheme_break_stateful(previous, current, &state)) ++count;
+    previous = current;
+  }
+  return count;
+}
+
+}  // namespace tarvolin::platform

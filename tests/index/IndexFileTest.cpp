@@ -1,0 +1,235 @@
+// The index file end to end: header codec, writer atomicity, and every way a store refuses a file.
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "support/IndexFixture.h"
+#include "support/TempTree.h"
+#include "tarvolin/index/FastHash64.h"
+#include "tarvolin/index/IndexError.h"
+#include "tarvolin/index/IndexStore.h"
+#include "tarvolin/index/IndexWriter.h"
+
+namespace tarvolin {
+namespace {
+
+using testing::readFile;
+using testing::TempTree;
+using testing::writeFile;
+
+IndexBuilder sampleBuilder() {
+  return testing::buildTree({{"/Users/me/a.txt", 12, 1000}, {"/Users/me/docs/"}, {"/tmp/b"}});
+}
+
+template <typename T>
+void poke(std::string& bytes, size_t offset, T value) {
+  std::memcpy(bytes.data() + offset, &value, sizeof(T));
+}
+
+TEST(IndexHeaderTest, RoundTripsAndCutsFixedStringsByBytes) {
+  IndexHeader header;
+  header.recordCount = 7;
+  header.nameBlobLength = 99;
+  header.checksum = 0x1122334455667788ull;
+  header.attrsCompleteness = AttrsCompleteness::partial;
+  std::string path(254, 'p');
+  path += "\xC3\xA9";  // the 255th and 256th bytes are one character
+  header.volumes = {{std::string(45, 'u'), path, 77, true}, {"local", "/", 0, false}};
+
+  std::vector<uint8_t> bytes = header.encode();
+  ASSERT_EQ(bytes.size(), 4096u);
+  EXPECT_EQ(std::memcmp(bytes.data(), "1LVT", 4), 0);
+  EXPECT_EQ(bytes[32 + 39], 0);
+  EXPECT_EQ(bytes[72 + 255], 0);
+
+  IndexHeader decoded = IndexHeader::decode(bytes);
+  EXPECT_EQ(decoded.volumes[0].uuid, std::string(39, 'u'));
+  EXPECT_EQ(decoded.volumes[0].mountPath, std::string(254, 'p') + "\xEF\xBF\xBD");
+  EXPECT_EQ(decoded.volumes[0].lastEventID, 77u);
+  EXPECT_TRUE(decoded.volumes[0].isAvailable);
+  EXPECT_EQ(decoded.volumes[1], (VolumeEntry{"local", "/", 0, false}));
+  EXPECT_EQ(decoded.recordCount, 7u);
+  EXPECT_EQ(decoded.checksum, header.checksum);
+  EXPECT_EQ(decoded.attrsCompleteness, AttrsCompleteness::partial);
+}
+
+TEST(IndexHeaderTest, DecodeChecksInOrder) {
+  IndexHeader header;
+  std::vector<uint8_t> good = header.encode();
+  auto decodeError = [](std::vector<uint8_t> bytes) -> std::optional<IndexError> {
+    try {
+      IndexHeader::decode(bytes);
+    } catch (const IndexError& error) {
+      return error;
+    }
+    return std::nullopt;
+  };
+  EXPECT_EQ(decodeError(std::vector<uint8_t>(good.begin(), good.end() - 1)), IndexError::truncated());
+  EXPECT_EQ(decodeError(std::vector<uint8_t>(4096, 0)), IndexError::badMagic());
+
+  std::vector<uint8_t> old = good;
+  old[4] = 4;
+  old[24] = 13;  // the version is checked before the volume count
+  EXPECT_EQ(decodeError(old), IndexError::versionMismatch(4, 5));
+
+  std::vector<uint8_t> many = good;
+  many[24] = 13;
+  EXPECT_EQ(decodeError(many), IndexError::tooManyVolumes());
+
+  std::vector<uint8_t> odd = good;
+  odd[28] = 7;
+  EXPECT_EQ(IndexHeader::decode(odd).attrsCompleteness, AttrsCompleteness::none);
+
+  IndexHeader thirteen;
+  thirteen.volumes.resize(13);
+  EXPECT_THROW(thirteen.encodeChecked(), IndexError);
+  EXPECT_EQ(thirteen.encode()[24], 12);
+}
+
+TEST(IndexWriterTest, EmptyBuilderWritesABareHeader) {
+  TempTree tree;
+  IndexBuilder empty;
+  IndexWriter::write(empty, {{"local", "/", 0, true}}, tree / "index.bin");
+  std::string bytes = readFile(tree / "index.bin");
+  ASSERT_EQ(bytes.size(), 4096u);
+  IndexHeader header = IndexHeader::decode(
+      std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()));
+  EXPECT_EQ(header.recordCount, 0u);
+  EXPECT_EQ(header.nameBlobLength, 0u);
+  EXPECT_EQ(header.attrsCompleteness, AttrsCompleteness::none);
+  EXPECT_EQ(header.checksum, 0x8E4B63091ED84BCDull);
+}
+
+TEST(IndexWriterTest, WritesAreDeterministicAndRecordCompleteness) {
+  TempTree tree;
+  IndexBuilder builder = sampleBuilder();
+  IndexWriter::write(builder, {{"local", "/", 0, true}}, tree / "one.bin");
+  IndexWriter::write(builder, {{"local", "/", 0, true}}, tree / "two.bin");
+  EXPECT_EQ(readFile(tree / "one.bin"), readFile(tree / "two.bin"));
+  EXPECT_FALSE(std::filesystem::exists(tree / "one.bin.tmp"));
+  auto store = std::make_shared<IndexStore>(tree / "one.bin");
+  EXPECT_EQ(store->header().attrsCompleteness, AttrsCompleteness::partial);
+
+  IndexBuilder filled;
+  filled.addEntry(std::string_view(""), FileRecord::rootParentID, RecordFlags::isDirectory, 0);
+  filled.setAttributes(0, 0, 0);
+  IndexWriter::write(filled, {}, tree / "three.bin");
+  EXPECT_EQ(IndexStore(tree / "three.bin").header().attrsCompleteness, AttrsCompleteness::complete);
+}
+
+TEST(IndexWriterTest, FailedWritesLeaveThePreviousIndexAndNoTemporaryFile) {
+  TempTree tree;
+  IndexBuilder builder = sampleBuilder();
+  std::filesystem::path target = tree / "index.bin";
+  IndexWriter::write(builder, {{"local", "/", 0, true}}, target);
+  std::string before = readFile(target);
+
+  std::vector<VolumeEntry> thirteen(13, VolumeEntry{"u", "/", 0, true});
+  EXPECT_THROW(IndexWriter::write(IndexBuilder(), thirteen, target), IndexError);
+  EXPECT_EQ(readFile(target), before);
+  EXPECT_FALSE(std::filesystem::exists(tree / "index.bin.tmp"));
+
+  // A folder that cannot be created: its would-be parent is a file.
+  writeFile(tree / "plain", "x");
+  EXPECT_THROW(IndexWriter::write(builder, {}, tree / "plain" / "index.bin"), std::system_error);
+
+  // A folder that cannot be written (root ignores permission bits, so only check as a user).
+  if (geteuid() != 0) {
+    chmod(tree.root().c_str(), 0555);
+    EXPECT_THROW(IndexWriter::write(IndexBuilder(), {}, target), std::system_error);
+    chmod(tree.root().c_str(), 0755);
+    EXPECT_EQ(readFile(target), before);
+  }
+  // The target is a folder: the rename fails and the temporary file goes away.
+  std::filesystem::create_directories(tree / "dir.bin" / "inside");
+  EXPECT_THROW(IndexWriter::write(builder, {}, tree / "dir.bin"), std::system_error);
+  EXPECT_FALSE(std::filesystem::exists(tree / "dir.bin.tmp"));
+}
+
+TEST(IndexStoreTest, RoundTripsRecordsNamesAndHeader) {
+  TempTree tree;
+  IndexBuilder builder = sampleBuilder();
+  auto store = testing::writeAndLoad(builder, tree / "index.bin");
+  ASSERT_EQ(store->count(), builder.recordCount());
+  for (uint32_t id = 0; id < store->count(); ++id) {
+    EXPECT_EQ((*store)[id], builder[id]);
+    EXPECT_EQ(store->name(id), builder.name(id));
+  }
+  EXPECT_EQ(store->nameBlob().size(), builder.nameBlob().size());
+  EXPECT_EQ(store->header().volumes, (std::vector<VolumeEntry>{{"local", "/", 0, true}}));
+}
+
+struct LoadCase {
+  const char* what;
+  std::function<void(std::string& bytes)> damage;
+  RebuildReason expected;
+};
+
+TEST(IndexStoreTest, LoadIndexMapsEveryFailureToItsReason) {
+  using K = RebuildReason::Kind;
+  const LoadCase cases[] = {
+      {"empty file", [](std::string& b) { b.clear(); }, {K::truncated}},
+      {"4095 bytes", [](std::string& b) { b.resize(4095); }, {K::truncated}},
+      {"4096 zeros", [](std::string& b) { b.assign(4096, '\0'); }, {K::badMagic}},
+      {"version 4", [](std::string& b) { poke<uint32_t>(b, 4, 4); }, {K::versionMismatch, 4, 5}},
+      {"version 6", [](std::string& b) { poke<uint32_t>(b, 4, 6); }, {K::versionMismatch, 6, 5}},
+      {"13 volumes over a damaged body",
+       [](std::string& b) {
+         poke<uint32_t>(b, 24, 13);
+         b.resize(5000);
+       },
+       {K::tooManyVolumes}},
+      {"cut inside the blob", [](std::string& b) { b.resize(b.size() - 2); }, {K::truncated}},
+      {"flipped record bit", [](std::string& b) { b[4096 + 5] ^= 0x01; }, {K::corrupt}},
+      {"flipped blob bit", [](std::string& b) { b[b.size() - 1] ^= 0x40; }, {K::corrupt}},
+      {"record count too large", [](std::string& b) { poke<uint32_t>(b, 8, 1000); }, {K::truncated}},
+  };
+  TempTree tree;
+  IndexBuilder builder = sampleBuilder();
+  IndexWriter::write(builder, {{"local", "/", 0, true}}, tree / "good.bin");
+  std::string good = readFile(tree / "good.bin");
+  for (const LoadCase& c : cases) {
+    std::string bytes = good;
+    c.damage(bytes);
+    writeFile(tree / "bad.bin", bytes);
+    IndexLoadOutcome outcome = loadIndex(tree / "bad.bin");
+    ASSERT_TRUE(std::holds_alternative<RebuildReason>(outcome)) << c.what;
+    EXPECT_EQ(std::get<RebuildReason>(outcome), c.expected) << c.what;
+  }
+}
+
+TEST(IndexStoreTest, AcceptsHeaderNoiseAndTrailingBytes) {
+  TempTree tree;
+  IndexWriter::write(sampleBuilder(), {{"local", "/", 0, true}}, tree / "good.bin");
+  std::string good = readFile(tree / "good.bin");
+  for (auto damage : {+[](std::string& b) { b[30] ^= 0x10; },
+                      +[](std::string& b) { b += "trailing bytes"; }}) {
+    std::string bytes = good;
+    damage(bytes);
+    writeFile(tree / "ok.bin", bytes);
+    EXPECT_TRUE(std::holds_alternative<std::shared_ptr<const IndexStore>>(loadIndex(tree / "ok.bin")));
+  }
+}
+
+TEST(IndexStoreTest, MissingFolderAndForgedChecksum) {
+  TempTree tree;
+  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "none.bin")), RebuildReason{RebuildReason::Kind::missing});
+  std::filesystem::create_directory(tree / "dir.bin");
+  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "dir.bin")), RebuildReason{RebuildReason::Kind::truncated});
+
+  // A record whose name leaves the blob, with the checksum made to match: refused, not trusted.
+  IndexBuilder builder = sampleBuilder();
+  IndexWriter::write(builder, {}, tree / "forged.bin");
+  std::string bytes = readFile(tree / "forged.bin");
+  poke<uint32_t>(bytes, 4096 + 24 + 4, 0x7FFFFFFF);  // record 1's nameOffset
+  std::span<const uint8_t> body(reinterpret_cast<const uint8_t*>(bytes.data()) + 4096, bytes.size() - 4096);
+  poke<uint64_t>(bytes, 16, FastHash64::hash(body));
+  writeFile(tree / "forged.bin", bytes);
+  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "forged.bin")), RebuildReason{RebuildReason::Kind::corrupt});
+}
+
+}  // namespace
+}  // namespace tarvolin
