@@ -14,19 +14,7 @@ int notYet(const char* command) {
 }  // namespace
 
 int runScan(const Context&) { return notYet("scan"); }
-int runSearch(const Context& context) {
-  openIndexOrExit(context);
-  return notYet("search");
-}
 int runContent(const Context&) { return notYet("content"); }
 int runFind(const Context&) { return notYet("find"); }
-int runBench(const Context& context) {
-  openIndexOrExit(context);
-  return notYet("bench");
-}
-int runMeasure(const Context& context) {
-  openIndexOrExit(context);
-  return notYet("measure");
-}
 
 }  // namespace tvl

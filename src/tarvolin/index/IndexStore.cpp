@@ -22,25 +22,42 @@ inline uint64_t outside(const FileRecord& r, uint32_t count, uint32_t blobLength
 struct BodyCheck {
   uint64_t checksum;
   bool linksInside;
+  bool namesInRecordOrder;
 };
+
+// Names lie in the blob in record order when no name starts before the previous one ends.
+inline uint64_t outOfOrder(const FileRecord& r, uint64_t& previousEnd) {
+  uint64_t before = static_cast<uint64_t>(r.nameOffset < previousEnd);
+  previousEnd = uint64_t{r.nameOffset} + r.nameLen;
+  return before;
+}
 
 BodyCheck checkBody(std::span<const uint8_t> body, uint32_t count, uint32_t blobLength) {
   FastHash64::detail::Lanes lanes;
   const auto* records = reinterpret_cast<const FileRecord*>(body.data());
   uint64_t bad = 0;
+  uint64_t unordered = 0;
+  uint64_t previousEnd = 0;
   constexpr uint32_t kGroup = 16;
   uint32_t groups = count / kGroup;
   const uint8_t* p = body.data();
   for (uint32_t g = 0; g < groups; ++g) {
     const FileRecord* r = records + kGroup * size_t{g};
-    for (uint32_t i = 0; i < kGroup; ++i) bad |= outside(r[i], count, blobLength);
+    for (uint32_t i = 0; i < kGroup; ++i) {
+      bad |= outside(r[i], count, blobLength);
+      unordered |= outOfOrder(r[i], previousEnd);
+    }
     lanes.stripes(p, kGroup * sizeof(FileRecord));
     p += kGroup * sizeof(FileRecord);
   }
-  for (uint32_t i = groups * kGroup; i < count; ++i) bad |= outside(records[i], count, blobLength);
+  for (uint32_t i = groups * kGroup; i < count; ++i) {
+    bad |= outside(records[i], count, blobLength);
+    unordered |= outOfOrder(records[i], previousEnd);
+  }
   size_t done = static_cast<size_t>(p - body.data());
   done += lanes.stripes(p, body.size() - done);
-  return {lanes.finish(body.size(), body.data() + done, body.size() - done), bad == 0};
+  return {lanes.finish(body.size(), body.data() + done, body.size() - done), bad == 0,
+          unordered == 0};
 }
 
 }  // namespace
@@ -65,6 +82,7 @@ IndexStore::IndexStore(const std::filesystem::path& path) {
   if (check.checksum != header_.checksum || !check.linksInside) {
     throw IndexError::checksumMismatch();
   }
+  namesInRecordOrder_ = check.namesInRecordOrder;
   records_ = reinterpret_cast<const FileRecord*>(body.data());
   blob_ = body.data() + uint64_t{sizeof(FileRecord)} * header_.recordCount;
 }

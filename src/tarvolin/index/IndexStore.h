@@ -48,6 +48,9 @@ class IndexStore {
   std::string_view nameBlob() const {
     return {reinterpret_cast<const char*>(blob_), header_.nameBlobLength};
   }
+  /// True when every name starts at or after the end of the previous record's name, as in every
+  /// index the engine writes: hits of one pass over the blob then map back to records in order.
+  bool namesInRecordOrder() const { return namesInRecordOrder_; }
   /// Size of the file when it was opened.
   uint64_t mappedLength() const { return file_.size(); }
 
@@ -56,6 +59,7 @@ class IndexStore {
   IndexHeader header_;
   const FileRecord* records_ = nullptr;
   const uint8_t* blob_ = nullptr;
+  bool namesInRecordOrder_ = false;
 };
 
 /// Why an index must be rebuilt before it can be used.

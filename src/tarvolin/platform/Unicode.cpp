@@ -173,6 +173,29 @@ std::string lowercase(std::string_view text) {
   return out;
 }
 
+std::string caseFold(std::string_view text) {
+  std::string valid = decodeUtf8Lossy(text);
+  bool ascii = true;
+  for (char& c : valid) {
+    if (static_cast<unsigned char>(c) >= 0x80) ascii = false;
+  }
+  if (ascii) {
+    for (char& c : valid) {
+      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + 32);
+    }
+    return valid;
+  }
+  utf8proc_uint8_t* folded = nullptr;
+  utf8proc_ssize_t length =
+      utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(valid.data()),
+                   static_cast<utf8proc_ssize_t>(valid.size()), &folded,
+                   static_cast<utf8proc_option_t>(UTF8PROC_CASEFOLD | UTF8PROC_COMPOSE));
+  if (length < 0 || folded == nullptr) return valid;
+  std::string out(reinterpret_cast<const char*>(folded), static_cast<size_t>(length));
+  std::free(folded);
+  return out;
+}
+
 std::vector<std::string> graphemeClusters(std::string_view text) {
   std::vector<std::string> clusters;
   utf8proc_int32_t state = 0;

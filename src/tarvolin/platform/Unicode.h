@@ -31,6 +31,9 @@ bool equalAsText(std::string_view a, std::string_view b);
 /// mapping, which equals the full one for every other character).
 std::string lowercase(std::string_view text);
 
+/// Full Unicode case folding (no locale) of the lossily decoded text, for caseless comparison.
+std::string caseFold(std::string_view text);
+
 /// The extended grapheme clusters ("characters") of the lossily decoded text, in order. A CR LF
 /// pair is one cluster.
 std::vector<std::string> graphemeClusters(std::string_view text);

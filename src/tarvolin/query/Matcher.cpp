@@ -1,0 +1,327 @@
+#include "tarvolin/query/Matcher.h"
+
+#include <algorithm>
+
+#include "tarvolin/platform/Concurrency.h"
+#include "tarvolin/platform/Unicode.h"
+#include "tarvolin/query/FuzzyMatcher.h"
+#include "tarvolin/query/RegexLiteral.h"
+#include "tarvolin/query/detail/Evaluator.h"
+#include "tarvolin/query/detail/NameScan.h"
+
+namespace tarvolin {
+
+namespace {
+
+// Number of shards for a scan of `n` items: one below the shard unit, else one per 10000 items,
+// at most one per processor.
+size_t shardCount(size_t n) {
+  if (n < Matcher::shardUnit) return 1;
+  return std::max<size_t>(1, std::min<size_t>(n / Matcher::shardUnit, platform::activeProcessorCount()));
+}
+
+// Runs body(begin, end, out) over [0, n) in shards and joins the results in shard order.
+template <typename Body>
+std::vector<Match> sharded(size_t n, Body&& body) {
+  size_t shards = shardCount(n);
+  if (shards <= 1) {
+    std::vector<Match> out;
+    body(size_t{0}, n, out);
+    return out;
+  }
+  size_t chunk = (n + shards - 1) / shards;
+  std::vector<std::vector<Match>> slots(shards);
+  platform::concurrentPerform(shards, [&](size_t s) {
+    size_t begin = std::min(n, s * chunk);
+    body(begin, std::min(n, begin + chunk), slots[s]);
+  });
+  size_t total = 0;
+  for (const auto& slot : slots) total += slot.size();
+  std::vector<Match> joined;
+  joined.reserve(total);
+  for (const auto& slot : slots) joined.insert(joined.end(), slot.begin(), slot.end());
+  return joined;
+}
+
+bool isNonEmptySubstring(const Term& term) {
+  return term.kind() == Term::Kind::substring && !term.text().empty();
+}
+
+}  // namespace
+
+Matcher::Matcher(std::shared_ptr<const IndexStore> store)
+    : store_(std::move(store)), resolver_(store_) {}
+
+Matcher::~Matcher() = default;
+
+const platform::Regex* Matcher::regexFor(const std::string& pattern) {
+  auto found = regexCache_.find(pattern);
+  if (found == regexCache_.end()) {
+    found = regexCache_.emplace(pattern, platform::Regex::compile(pattern)).first;
+  }
+  return found->second ? &*found->second : nullptr;
+}
+
+const std::optional<std::string>& Matcher::regexLiteralFor(const std::string& pattern) {
+  auto found = regexLiteralCache_.find(pattern);
+  if (found == regexLiteralCache_.end()) {
+    std::optional<std::string> literal = RegexLiteral::required(pattern);
+    if (literal) literal = detail::lowerAscii(*literal);
+    found = regexLiteralCache_.emplace(pattern, std::move(literal)).first;
+  }
+  return found->second;
+}
+
+std::vector<Match> Matcher::match(const Query& query,
+                                  std::optional<std::span<const uint32_t>> candidates) {
+  if (query.isEmpty()) return {};
+  if (candidates) return evaluate(query, candidates, /*parallel=*/true);
+  uint32_t n = store_->count();
+  if (n < largeIndexThreshold) return evaluate(query, std::nullopt, /*parallel=*/false);
+
+  const bool plain = query.orGroups.empty();
+  const auto& terms = query.andTerms;
+  if (plain && terms.size() == 1 && isNonEmptySubstring(terms[0])) {
+    return scanNeedle(detail::lowerAscii(terms[0].text()));
+  }
+  if (plain && terms.size() >= 2 &&
+      std::all_of(terms.begin(), terms.end(), isNonEmptySubstring)) {
+    return multiTokenMatch(terms);
+  }
+  if (plain && terms.size() == 1 && terms[0].kind() == Term::Kind::pathContains &&
+      !terms[0].text().empty() && terms[0].text().find('/') == std::string::npos) {
+    return pathOnlyMatch(detail::lowerAscii(terms[0].text()));
+  }
+  if (plain && terms.size() == 1 && terms[0].kind() == Term::Kind::regex) {
+    const std::optional<std::string>& literal = regexLiteralFor(terms[0].text());
+    if (literal && !literal->empty()) {
+      std::vector<Match> hits = scanNeedle(*literal);
+      std::vector<uint32_t> ids;
+      ids.reserve(hits.size());
+      for (const Match& hit : hits) ids.push_back(hit.id);
+      return evaluate(query, std::span<const uint32_t>(ids), /*parallel=*/true);
+    }
+  }
+  // Record-local queries and everything else: the compiled evaluation, sharded.
+  return evaluate(query, std::nullopt, /*parallel=*/true);
+}
+
+std::vector<Match> Matcher::evaluate(const Query& query,
+                                     std::optional<std::span<const uint32_t>> ids, bool parallel) {
+  detail::Evaluator evaluator(*this, query);
+  const IndexStore& store = *store_;
+  size_t n = ids ? ids->size() : store.count();
+  auto body = [&](size_t begin, size_t end, std::vector<Match>& out) {
+    out.reserve(std::min<size_t>(end - begin, 65536));
+    for (size_t i = begin; i < end; ++i) {
+      uint32_t id = ids ? (*ids)[i] : static_cast<uint32_t>(i);
+      if (id >= store.count() || store[id].flags.contains(RecordFlags::deleted)) continue;
+      if (auto outcome = evaluator.evaluate(id)) {
+        out.push_back(Match{id, outcome->quality, outcome->offset});
+      }
+    }
+  };
+  if (!parallel) {
+    std::vector<Match> out;
+    body(0, n, out);
+    return out;
+  }
+  return sharded(n, body);
+}
+
+std::vector<Match> Matcher::scanNeedle(const std::string& needle) {
+  if (trigrams) {
+    if (auto blocks = trigrams->candidateBlocks(needle)) return blockScan(*blocks, needle);
+  }
+  return fullScan(needle);
+}
+
+std::vector<Match> Matcher::fullScan(const std::string& needle) {
+  const IndexStore& store = *store_;
+  detail::ScanKernel kernel = detail::preferredKernel(store);
+  return sharded(store.count(), [&](size_t begin, size_t end, std::vector<Match>& out) {
+    detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), needle,
+                      kernel, out);
+  });
+}
+
+std::vector<Match> Matcher::blockScan(const std::vector<uint32_t>& blocks,
+                                      const std::string& needle) {
+  const IndexStore& store = *store_;
+  uint32_t n = store.count();
+  // Merge runs of consecutive blocks into ranges.
+  std::vector<std::pair<uint32_t, uint32_t>> ranges;
+  size_t total = 0;
+  for (size_t i = 0; i < blocks.size();) {
+    size_t j = i + 1;
+    while (j < blocks.size() && blocks[j] == blocks[j - 1] + 1) ++j;
+    auto first = TrigramIndex::range(blocks[i], n);
+    auto last = TrigramIndex::range(blocks[j - 1], n);
+    if (first.first < last.second) {
+      ranges.emplace_back(first.first, last.second);
+      total += last.second - first.first;
+    }
+    i = j;
+  }
+  detail::ScanKernel kernel = detail::preferredKernel(store);
+  size_t workers = std::min<size_t>(total / shardUnit, platform::activeProcessorCount());
+  std::vector<std::vector<Match>> slots(ranges.size());
+  auto scanOne = [&](size_t r) {
+    detail::scanRange(store, ranges[r].first, ranges[r].second, needle, kernel, slots[r]);
+  };
+  if (workers >= 2 && ranges.size() >= 2) {
+    platform::concurrentPerform(ranges.size(), scanOne);
+  } else {
+    for (size_t r = 0; r < ranges.size(); ++r) scanOne(r);
+  }
+  std::vector<Match> joined;
+  for (const auto& slot : slots) joined.insert(joined.end(), slot.begin(), slot.end());
+  return joined;
+}
+
+std::vector<Match> Matcher::multiTokenMatch(const std::vector<Term>& terms) {
+  struct Token {
+    std::string lowered;
+    size_t characters;
+  };
+  std::vector<Token> tokens;
+  for (const Term& term : terms) {
+    tokens.push_back({detail::lowerAscii(term.text()), platform::graphemeCount(term.text())});
+  }
+  std::vector<size_t> order(tokens.size());
+  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
+  std::stable_sort(order.begin(), order.end(),
+                   [&](size_t a, size_t b) { return tokens[a].characters > tokens[b].characters; });
+
+  for (size_t d = 0; d < std::min<size_t>(3, order.size()); ++d) {
+    size_t driver = order[d];
+    std::vector<Match> hits = scanNeedle(tokens[driver].lowered);
+    std::vector<Match> kept;
+    for (const Match& hit : hits) {
+      std::string_view name = store_->nameBytes(hit.id);
+      bool all = true;
+      for (size_t t = 0; t < tokens.size() && all; ++t) {
+        if (t != driver && detail::firstOccurrence(name, tokens[t].lowered) < 0) all = false;
+      }
+      if (all) kept.push_back(hit);
+    }
+    if (!kept.empty()) return kept;
+  }
+  return {};
+}
+
+std::vector<Match> Matcher::pathOnlyMatch(const std::string& needle) {
+  const IndexStore& store = *store_;
+  uint32_t n = store.count();
+  // Marks: records whose own name holds the needle, deleted ones included (they still name
+  // the folders below them).
+  detail::ScanKernel kernel = detail::preferredKernel(store);
+  std::vector<uint8_t> marked(n, 0);
+  {
+    std::vector<Match> own = sharded(n, [&](size_t begin, size_t end, std::vector<Match>& out) {
+      detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), needle,
+                        kernel, out, /*includeDeleted=*/true);
+    });
+    for (const Match& hit : own) marked[hit.id] = 1;
+  }
+  // distance[i]: steps from i up to its nearest marked ancestor-or-self (0 = itself), capped.
+  // Parents usually come before children, so one pass in ID order reuses the parent's value;
+  // a parent that comes later is walked explicitly.
+  constexpr uint16_t kFar = PathResolver::maxDepth + 1;
+  std::vector<uint16_t> distance(n, kFar);
+  std::vector<Match> results;
+  results.reserve(4096);
+  for (uint32_t id = 0; id < n; ++id) {
+    const FileRecord& record = store[id];
+    uint16_t d = kFar;
+    if (marked[id]) {
+      d = 0;
+    } else if (record.parentID != FileRecord::rootParentID) {
+      if (record.parentID < id) {
+        d = static_cast<uint16_t>(std::min<int>(distance[record.parentID] + 1, kFar));
+      } else {
+        uint32_t current = record.parentID;
+        for (uint16_t steps = 1; steps <= PathResolver::maxDepth; ++steps) {
+          if (marked[current]) {
+            d = steps;
+            break;
+          }
+          uint32_t parent = store[current].parentID;
+          if (parent == FileRecord::rootParentID) break;
+          current = parent;
+        }
+      }
+    }
+    distance[id] = d;
+    if (d <= PathResolver::maxDepth && !record.flags.contains(RecordFlags::deleted)) {
+      results.push_back(Match{id, MatchQuality::substring, 0});
+    }
+  }
+  return results;
+}
+
+bool Matcher::matches(const Term& term, uint32_t record) {
+  detail::Evaluator evaluator(*this, term);
+  return evaluator.evaluate(record).has_value();
+}
+
+std::vector<Match> Matcher::matchWithFuzzyFallback(
+    const Query& query, std::optional<std::span<const uint32_t>> candidates) {
+  std::vector<Match> exact = match(query, candidates);
+  if (exact.size() >= fuzzyFallbackThreshold) return exact;
+  if (!query.orGroups.empty() || query.andTerms.size() != 1 ||
+      query.andTerms[0].kind() != Term::Kind::substring) {
+    return exact;
+  }
+  std::string needle = detail::lowerAscii(query.andTerms[0].text());
+  if (!FuzzyMatcher::isEligible(needle)) return exact;
+  std::vector<Match> fuzzy = fuzzyScan(needle, exact);
+  exact.insert(exact.end(), fuzzy.begin(), fuzzy.end());
+  return exact;
+}
+
+std::vector<Match> Matcher::fuzzyScan(const std::string& needle,
+                                      const std::vector<Match>& exclude) {
+  const IndexStore& store = *store_;
+  uint32_t n = store.count();
+  std::vector<uint32_t> excluded;
+  excluded.reserve(exclude.size());
+  for (const Match& m : exclude) excluded.push_back(m.id);
+  std::sort(excluded.begin(), excluded.end());
+  const int64_t minimum = FuzzyMatcher::minimumScore(needle.size());
+
+  struct Hit {
+    uint32_t id;
+    int64_t score;
+    int32_t offset;
+  };
+  size_t shards = shardCount(n);
+  size_t chunk = (n + shards - 1) / std::max<size_t>(shards, 1);
+  std::vector<std::vector<Hit>> slots(shards);
+  platform::concurrentPerform(shards, [&](size_t s) {
+    size_t begin = std::min<size_t>(n, s * chunk), end = std::min<size_t>(n, begin + chunk);
+    auto skip = std::lower_bound(excluded.begin(), excluded.end(), static_cast<uint32_t>(begin));
+    for (size_t i = begin; i < end; ++i) {
+      auto id = static_cast<uint32_t>(i);
+      while (skip != excluded.end() && *skip < id) ++skip;
+      if (skip != excluded.end() && *skip == id) continue;
+      // Deleted records are gone for fuzzy hits too.
+      if (store[id].flags.contains(RecordFlags::deleted)) continue;
+      auto result = FuzzyMatcher::match(needle, store.nameBytes(id));
+      if (result && result->score >= minimum) {
+        slots[s].push_back(Hit{id, result->score, static_cast<int32_t>(result->firstMatch)});
+      }
+    }
+  });
+  std::vector<Hit> hits;
+  for (const auto& slot : slots) hits.insert(hits.end(), slot.begin(), slot.end());
+  std::stable_sort(hits.begin(), hits.end(),
+                   [](const Hit& a, const Hit& b) { return a.score > b.score; });
+  std::vector<Match> fuzzy;
+  for (size_t i = 0; i < std::min(hits.size(), maxFuzzyResults); ++i) {
+    fuzzy.push_back(Match{hits[i].id, MatchQuality::fuzzy, hits[i].offset});
+  }
+  return fuzzy;
+}
+
+}  // namespace tarvolin

@@ -1,0 +1,92 @@
+#pragma once
+// Evaluates a query against one loaded index and returns the matching records with their match
+// quality and offset, in ID order (or candidate order when candidates are given).
+//
+// For indexes of 20000 records or more it picks a strategy by the query's shape: a vectorised
+// substring scan split across processors (optionally narrowed to trigram blocks), a driver-word
+// scan for several words, a marked-ancestor pass for a sole path term, a sharded compiled-term
+// loop, and a literal prefilter for a sole regular expression. Every strategy returns the same
+// records in the same order as the general evaluation; the multi-word scan reports the driver
+// word's quality and offset.
+//
+// One Matcher per store. `match` and `matchWithFuzzyFallback` are called from one thread at a
+// time (they fill caches); inside a call, shards run on several threads.
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "tarvolin/index/IndexStore.h"
+#include "tarvolin/index/PathResolver.h"
+#include "tarvolin/platform/Regex.h"
+#include "tarvolin/query/Match.h"
+#include "tarvolin/query/Query.h"
+#include "tarvolin/query/TrigramIndex.h"
+
+namespace tarvolin {
+
+namespace detail {
+class Evaluator;
+}
+
+class Matcher {
+ public:
+  static constexpr size_t fuzzyFallbackThreshold = 5;
+  static constexpr size_t maxFuzzyResults = 50;
+  /// Below this many records every query takes the general evaluation.
+  static constexpr uint32_t largeIndexThreshold = 20000;
+  /// Records per shard of a parallel scan.
+  static constexpr uint32_t shardUnit = 10000;
+
+  explicit Matcher(std::shared_ptr<const IndexStore> store);
+  ~Matcher();
+  Matcher(const Matcher&) = delete;
+  Matcher& operator=(const Matcher&) = delete;
+
+  /// The matching records. With `candidates`, exactly those IDs are evaluated, in their order.
+  std::vector<Match> match(const Query& query,
+                           std::optional<std::span<const uint32_t>> candidates = std::nullopt);
+
+  /// `match`, and when it finds fewer than 5 records for a single word of 3 to 32 bytes, up to
+  /// 50 fuzzy hits (best score first) after the exact ones.
+  std::vector<Match> matchWithFuzzyFallback(
+      const Query& query, std::optional<std::span<const uint32_t>> candidates = std::nullopt);
+
+  /// Whether one term holds for one record. REQUIRES: record < store count.
+  bool matches(const Term& term, uint32_t record);
+
+  /// Optional block prefilter built for this store; the owner may set or replace it between
+  /// searches.
+  std::shared_ptr<const TrigramIndex> trigrams;
+
+  const IndexStore& store() const { return *store_; }
+
+ private:
+  friend class detail::Evaluator;
+
+  /// Single-word scan: trigram blocks when they narrow the search, else the full scan.
+  std::vector<Match> scanNeedle(const std::string& needle);
+  std::vector<Match> fullScan(const std::string& needle);
+  std::vector<Match> blockScan(const std::vector<uint32_t>& blocks, const std::string& needle);
+  std::vector<Match> multiTokenMatch(const std::vector<Term>& terms);
+  std::vector<Match> pathOnlyMatch(const std::string& needle);
+  std::vector<Match> evaluate(const Query& query, std::optional<std::span<const uint32_t>> ids,
+                              bool parallel);
+  std::vector<Match> fuzzyScan(const std::string& needle, const std::vector<Match>& exclude);
+
+  /// The compiled expression for a pattern (cached; nothing when invalid).
+  const platform::Regex* regexFor(const std::string& pattern);
+  /// The literal every match of a pattern contains, lower-cased (cached).
+  const std::optional<std::string>& regexLiteralFor(const std::string& pattern);
+
+  std::shared_ptr<const IndexStore> store_;
+  PathResolver resolver_;
+  std::unordered_map<std::string, std::optional<platform::Regex>> regexCache_;
+  std::unordered_map<std::string, std::optional<std::string>> regexLiteralCache_;
+};
+
+}  // namespace tarvolin

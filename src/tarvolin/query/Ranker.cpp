@@ -1,0 +1,122 @@
+#include "tarvolin/query/Ranker.h"
+
+#include <algorithm>
+#include <array>
+
+namespace tarvolin {
+
+namespace {
+constexpr uint32_t kComputed = 1u << 31;
+constexpr uint32_t kDemoted = 1u << 30;
+constexpr uint32_t kAppAbove = 1u << 29;
+constexpr uint32_t kDepthMask = (1u << 29) - 1;
+}  // namespace
+
+const std::vector<std::string_view>& Ranker::demotedPathComponents() {
+  static const std::vector<std::string_view> names = {
+      "node_modules", ".git",   "Caches",        "DerivedData",      "Pods",
+      ".build",       "build",  "dist",          "vendor",           "site-packages",
+      "Containers",   "Group Containers", "TemporaryItems", "SyncedPreferences", "Biome",
+      "CoreSimulator", "Developer", "Logs",      "CrashReporter"};
+  return names;
+}
+
+bool Ranker::isDemotedName(std::string_view bytes) {
+  // Quick length filter: the names are 4 to 17 bytes long.
+  if (bytes.size() < 4 || bytes.size() > 17) return false;
+  for (std::string_view name : demotedPathComponents()) {
+    if (name == bytes) return true;
+  }
+  return false;
+}
+
+Ranker::Ranker(std::shared_ptr<const IndexStore> store) : store_(std::move(store)) {}
+
+Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
+  if (directoryCache_.empty()) directoryCache_.assign(store_->count(), 0);
+  uint32_t cached = directoryCache_[id];
+  if (cached & kComputed) {
+    return {static_cast<int32_t>(cached & kDepthMask), (cached & kDemoted) != 0,
+            (cached & kAppAbove) != 0};
+  }
+  AncestorInfo info{0, false, false};
+  uint32_t parent = (*store_)[id].parentID;
+  if (parent != FileRecord::rootParentID && budget >= 1) {
+    AncestorInfo above = ancestorInfo(parent, budget - 1);
+    info.depth = above.depth + 1;
+    info.demoted = above.demoted || isDemotedName(store_->nameBytes(parent));
+    info.appAbove = above.appAbove || (*store_)[parent].flags.contains(RecordFlags::isApp);
+  }
+  directoryCache_[id] = kComputed | (info.demoted ? kDemoted : 0) | (info.appAbove ? kAppAbove : 0) |
+                        (static_cast<uint32_t>(info.depth) & kDepthMask);
+  return info;
+}
+
+int32_t Ranker::score(const Match& match) {
+  const FileRecord& record = (*store_)[match.id];
+  bool hidden = record.flags.contains(RecordFlags::isHidden);
+  int32_t base;
+  int32_t depth = 0;
+  bool demoted = false;
+  bool insideApp = false;
+  if (record.parentID != FileRecord::rootParentID) {
+    AncestorInfo above = ancestorInfo(record.parentID, ancestorLimit);
+    depth = above.depth + 1;
+    demoted = above.demoted || isDemotedName(store_->nameBytes(record.parentID));
+    insideApp = above.appAbove || (*store_)[record.parentID].flags.contains(RecordFlags::isApp);
+  }
+  if (record.flags.contains(RecordFlags::isApp)) {
+    base = appScore - (hidden ? hiddenPenalty : 0);
+  } else {
+    base = hidden ? -hiddenPenalty : 0;
+    if (insideApp) base = -insideAppPenalty - (hidden ? hiddenPenalty : 0);
+  }
+  int32_t offset = std::clamp<int32_t>(match.matchOffset, 0, maxOffsetPenalty);
+  return base - depthPenalty * depth - offset - (demoted ? demotedPenalty : 0);
+}
+
+std::vector<RankedResult> Ranker::topK(const std::vector<Match>& matches, int64_t k) {
+  std::vector<RankedResult> kept;  // ascending by score
+  if (k < 1) return kept;
+  size_t capacity = static_cast<size_t>(std::min<int64_t>(k, static_cast<int64_t>(matches.size())));
+  kept.reserve(capacity);
+  for (const Match& match : matches) {
+    int32_t s = score(match);
+    if (kept.size() < capacity) {
+      auto at = std::lower_bound(kept.begin(), kept.end(), s,
+                                 [](const RankedResult& r, int32_t v) { return r.score < v; });
+      kept.insert(at, RankedResult{match, s});
+    } else if (kept.front().score < s) {
+      kept.erase(kept.begin());
+      auto at = std::lower_bound(kept.begin(), kept.end(), s,
+                                 [](const RankedResult& r, int32_t v) { return r.score < v; });
+      kept.insert(at, RankedResult{match, s});
+    }
+  }
+  std::reverse(kept.begin(), kept.end());
+  return kept;
+}
+
+std::vector<RankedResult> Ranker::rank(const std::vector<Match>& matches, int64_t limit) {
+  if (limit < 1 || matches.empty()) return {};
+  std::array<std::vector<Match>, 5> buckets;
+  for (const Match& match : matches) {
+    size_t bucket = static_cast<size_t>(match.quality);
+    if (match.quality <= MatchQuality::wordBoundary &&
+        (*store_)[match.id].flags.contains(RecordFlags::isApp)) {
+      bucket = 0;
+    }
+    buckets[bucket].push_back(match);
+  }
+  std::vector<RankedResult> results;
+  results.reserve(static_cast<size_t>(std::min<int64_t>(limit, static_cast<int64_t>(matches.size()))));
+  for (const auto& bucket : buckets) {
+    int64_t remaining = limit - static_cast<int64_t>(results.size());
+    if (remaining <= 0 || bucket.empty()) continue;
+    std::vector<RankedResult> best = topK(bucket, remaining);
+    results.insert(results.end(), best.begin(), best.end());
+  }
+  return results;
+}
+
+}  // namespace tarvolin

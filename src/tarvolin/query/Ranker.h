@@ -1,0 +1,65 @@
+#pragma once
+// Orders matches best first and cuts them to a limit without sorting them all. Matches are
+// grouped by quality (applications matched at a word boundary or better rank with the exact
+// ones), and each group is reduced with a bounded insertion list by a score that favours
+// applications, shallow paths and early matches, and pushes down hidden items, anything inside
+// an application bundle, and anything below folders of generated or cached material.
+//
+// One Ranker per store. Not thread-safe: `rank` fills a per-folder memo of depth and demotion.
+
+#include <cstdint>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "tarvolin/index/IndexStore.h"
+#include "tarvolin/query/Match.h"
+
+namespace tarvolin {
+
+struct RankedResult {
+  Match match;
+  int32_t score = 0;
+
+  friend bool operator==(const RankedResult&, const RankedResult&) = default;
+};
+
+class Ranker {
+ public:
+  static constexpr int32_t appScore = 50000;
+  static constexpr int32_t hiddenPenalty = 200;
+  static constexpr int32_t insideAppPenalty = 40000;
+  static constexpr int32_t depthPenalty = 10;
+  static constexpr int32_t maxOffsetPenalty = 100;
+  static constexpr int32_t demotedPenalty = 5000;
+  static constexpr uint32_t ancestorLimit = 256;
+
+  /// Folder names whose contents rank lower, compared byte for byte.
+  static const std::vector<std::string_view>& demotedPathComponents();
+
+  explicit Ranker(std::shared_ptr<const IndexStore> store);
+
+  /// At most `limit` results, best first; nothing for a limit below 1.
+  std::vector<RankedResult> rank(const std::vector<Match>& matches, int64_t limit);
+
+  /// The score of one match (quality plays no part). Exposed for tests and diagnostics.
+  int32_t score(const Match& match);
+
+ private:
+  struct AncestorInfo {
+    int32_t depth;     // number of ancestors
+    bool demoted;      // some ancestor has a demoted name
+    bool appAbove;     // some ancestor is an application
+  };
+
+  std::vector<RankedResult> topK(const std::vector<Match>& matches, int64_t k);
+  AncestorInfo ancestorInfo(uint32_t id, uint32_t budget);
+  static bool isDemotedName(std::string_view bytes);
+
+  std::shared_ptr<const IndexStore> store_;
+  // Memo per record, packed: bit 31 computed, bit 30 demoted, bit 29 appAbove, low bits depth.
+  // A flat table (4 bytes per record) beats a hash map once many matches share folders.
+  std::vector<uint32_t> directoryCache_;
+};
+
+}  // namespace tarvolin

@@ -1,0 +1,80 @@
+#pragma once
+// The general evaluation of a query against single records: every term kind, negation at any
+// depth, or-groups with the best group winning. Terms are compiled once per query (needles
+// lower-cased, extension lists split, dates turned into ranges of seconds, expressions looked up
+// in the matcher's cache), so evaluating a record allocates nothing except for regular
+// expressions over names with invalid UTF-8 and path terms holding "/".
+//
+// Built on the matcher's thread; `evaluate` may then be called from several threads at once.
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tarvolin/platform/Calendar.h"
+#include "tarvolin/query/Match.h"
+#include "tarvolin/query/Query.h"
+
+namespace tarvolin {
+
+class Matcher;
+
+namespace detail {
+
+struct CompiledTerm {
+  enum class Kind : uint8_t {
+    scoredSubstring,   // substring or phrase, not negated: must occur, graded
+    booleanSubstring,  // substring or phrase under a not
+    ext,
+    type,
+    size,
+    dateModified,
+    regex,
+    pathContains,
+    always,  // contains: document text is tested elsewhere
+  };
+  Kind kind = Kind::always;
+  bool negated = false;
+  std::string needle;                   // lower-cased text; path needle
+  std::vector<std::string> extensions;  // lower-cased items of an ext term
+  TypeConstraint type = TypeConstraint::file;
+  SizeComparison size;
+  std::optional<platform::TimeRange> dates;  // nothing: the calendar could not form it
+  const platform::Regex* regex = nullptr;    // nothing: invalid pattern, matches no record
+  const std::optional<std::string>* literal = nullptr;
+};
+
+class Evaluator {
+ public:
+  struct Outcome {
+    MatchQuality quality;
+    int32_t offset;
+  };
+
+  /// Compiles the query's and-terms, or each of its or-groups.
+  Evaluator(Matcher& matcher, const Query& query);
+  /// Compiles one term on its own (for Matcher::matches).
+  Evaluator(Matcher& matcher, const Term& term);
+
+  /// The quality and offset of a record that satisfies the query, nothing otherwise. Deleted
+  /// records are the caller's business.
+  std::optional<Outcome> evaluate(uint32_t id) const;
+
+  /// True when every term is decided from the record alone (no expression, no path).
+  bool isRecordLocal() const;
+
+ private:
+  std::vector<CompiledTerm> compileList(Matcher& matcher, const std::vector<Term>& terms);
+  void compile(Matcher& matcher, const Term& term, bool negated, std::vector<CompiledTerm>& out);
+  std::optional<Outcome> evaluateList(const std::vector<CompiledTerm>& terms, uint32_t id) const;
+  bool holds(const CompiledTerm& term, uint32_t id) const;
+  bool pathHolds(const CompiledTerm& term, uint32_t id) const;
+
+  const Matcher& matcher_;
+  int64_t now_;
+  std::vector<std::vector<CompiledTerm>> groups_;  // one list for and-terms
+};
+
+}  // namespace detail
+}  // namespace tarvolin

@@ -1,0 +1,51 @@
+#pragma once
+// The innermost loops of name matching: find a lower-cased needle in names compared with ASCII
+// case folding, grade the first occurrence, and scan ranges of records. Several kernels give
+// identical results; the scalar one is the reference the others are tested against.
+//
+//   scalar    per record, byte by byte
+//   sse2      per record, 16 bytes at a time for the needle's first byte in both case forms
+//   blobSse2  one pass over the name blob 16 bytes at a time, hits mapped back to records by
+//   blobAvx2  their offsets (32 bytes at a time); only for stores whose names lie in record order
+//
+// All functions only read the store and may run on several threads at once.
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "tarvolin/index/IndexStore.h"
+#include "tarvolin/query/Match.h"
+
+namespace tarvolin::detail {
+
+inline uint8_t foldAscii(uint8_t c) { return c >= 'A' && c <= 'Z' ? static_cast<uint8_t>(c + 32) : c; }
+
+inline bool isWordBoundaryByte(uint8_t c) {
+  return c == ' ' || c == '-' || c == '.' || c == '/' || c == '_';
+}
+
+/// The needle as matched: ASCII letters lower-cased, other bytes unchanged.
+std::string lowerAscii(std::string_view text);
+
+/// Byte position of the first occurrence of `needle` (already lower-cased) in `name` compared
+/// ASCII-folded, or -1. An empty needle never occurs.
+int firstOccurrence(std::string_view name, std::string_view needle);
+
+/// Quality of an occurrence at `position`: exact or prefix at 0, wordBoundary after a boundary
+/// byte, else substring.
+MatchQuality qualityAt(std::string_view name, size_t position, size_t needleLength);
+
+enum class ScanKernel { scalar, sse2, blobSse2, blobAvx2 };
+
+/// The fastest kernel this store and processor allow.
+ScanKernel preferredKernel(const IndexStore& store);
+
+/// Appends, in ID order, a Match for every record of [begin, end) that is not deleted (unless
+/// `includeDeleted`) and whose name contains `needle` (non-empty, lower-cased), with the first
+/// occurrence's quality and offset. REQUIRES: begin <= end <= store.count(); for blob kernels,
+/// namesInRecordOrder().
+void scanRange(const IndexStore& store, uint32_t begin, uint32_t end, std::string_view needle,
+               ScanKernel kernel, std::vector<Match>& out, bool includeDeleted = false);
+
+}  // namespace tarvolin::detail

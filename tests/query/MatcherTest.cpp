@@ -1,0 +1,233 @@
+// The matcher: every strategy agrees with the general evaluation on a large index, every scan
+// kernel agrees with the scalar reference, and the single-term rules hold on small cases.
+
+#include "tarvolin/query/Matcher.h"
+
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <random>
+#include <set>
+
+#include "support/IndexFixture.h"
+#include "support/TempTree.h"
+#include "tarvolin/index/IndexWriter.h"
+#include "tarvolin/query/QueryParser.h"
+#include "tarvolin/query/detail/NameScan.h"
+
+namespace tarvolin {
+namespace {
+
+// A deterministic tree of about 25000 records: folders with words a user would search for,
+// mixed case, extensions, hidden and deleted entries, application bundles, invalid UTF-8,
+// 255-byte names, and attributes on most records.
+IndexBuilder largeTree(uint32_t count = 25000) {
+  static const char* words[] = {"report", "Final", "draft", "IMG_", "photo", "Playground",
+                                "notes", "colour", "color", "node_modules", "src", "build",
+                                "x_ab", "AB", "readme", "Résumé", "data", "Archive"};
+  static const char* extensions[] = {".md", ".txt", ".TXT", ".jpg", ".swift", ".bin", "", ".",
+                                     ".tar.gz"};
+  std::mt19937 random(11);
+  IndexBuilder builder;
+  std::vector<uint32_t> folders{builder.addEntry(std::string_view(""), FileRecord::rootParentID,
+                                                 RecordFlags::isDirectory, 0)};
+  int64_t now = static_cast<int64_t>(std::time(nullptr));
+  while (builder.recordCount() < count) {
+    uint32_t parent = folders[random() % folders.size()];
+    std::string name;
+    int parts = 1 + static_cast<int>(random() % 3);
+    for (int p = 0; p < parts; ++p) {
+      if (p > 0) name += " -._"[random() % 4];
+      name += words[random() % std::size(words)];
+      if (random() % 3 == 0) name += std::to_string(random() % 1000);
+    }
+    uint32_t kind = random() % 100;
+    RecordFlags flags;
+    if (kind < 12) {
+      flags.insert(RecordFlags::isDirectory);
+      if (kind < 2) {
+        name += ".app";
+        flags.insert(RecordFlags::isApp);
+      }
+    } else {
+      name += extensions[random() % std::size(extensions)];
+    }
+    if (random() % 20 == 0) name = "." + name;
+    if (random() % 250 == 0) name += "\xFF\xFE";
+    if (random() % 500 == 0) name = std::string(300, 'r') + name;
+    if (!name.empty() && name[0] == '.') flags.insert(RecordFlags::isHidden);
+    if (random() % 100 == 0) flags.insert(RecordFlags::deleted);
+    uint32_t id = builder.addEntry(std::string_view(name), parent, flags, 0);
+    if (random() % 10 != 0) {
+      int64_t age = static_cast<int64_t>(random() % (400 * 86400));
+      builder.setAttributes(id, random() % 50'000'000, static_cast<uint32_t>(now - age));
+    }
+    if (flags.contains(RecordFlags::isDirectory)) folders.push_back(id);
+  }
+  return builder;
+}
+
+class LargeIndexTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    tree_ = new testing::TempTree();
+    store_ = testing::writeAndLoad(largeTree(), *tree_ / "index.bin");
+  }
+  static void TearDownTestSuite() {
+    store_.reset();
+    delete tree_;
+  }
+  static std::vector<uint32_t> allIDs() {
+    std::vector<uint32_t> ids(store_->count());
+    for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i;
+    return ids;
+  }
+  static inline testing::TempTree* tree_ = nullptr;
+  static inline std::shared_ptr<const IndexStore> store_;
+};
+
+std::vector<uint32_t> idsOf(const std::vector<Match>& matches) {
+  std::vector<uint32_t> ids;
+  for (const Match& m : matches) ids.push_back(m.id);
+  return ids;
+}
+
+TEST_F(LargeIndexTest, EveryStrategyAgreesWithTheGeneralEvaluation) {
+  ASSERT_GE(store_->count(), Matcher::largeIndexThreshold);
+  struct Case {
+    const char* query;
+    bool sameQuality;  // the multi-word scan reports its driver word's quality
+  };
+  const Case cases[] = {
+      {"report", true},          {"RE", true},           {"a", true},
+      {"ab", true},              {"résumé", true},       {"zzzzqqq", true},
+      {"report final", false},   {"final report draft", false}, {"img_ photo", false},
+      {"ext:md", true},          {"ext:txt,swift", true}, {"!ext:md", true},
+      {"size:>1mb", true},       {"!size:>1mb", true},   {"size:<10kb report", true},
+      {"dm:today", true},        {"dm:<30d", true},      {"!dm:<30d", true},
+      {"folder:", true},         {"file: report", true}, {"app:", true},
+      {"folder:src", true},      {"\"final report\"", true}, {"!report", true},
+      {"!report !draft photo", true},
+      {"path:playground", true}, {"path:src/report", true}, {"path:build report", true},
+      {"/^IMG_\\d+/", true},     {"/colou?r/", true},    {"/(a+)+$/", true},
+      {"/[/", true},             {"report | draft", true}, {"ext:md | ext:txt", true},
+      {"report ext:md | photo size:>1kb", true},
+  };
+  std::vector<uint32_t> all = allIDs();
+  for (const Case& c : cases) {
+    Query query = QueryParser::parse(c.query);
+    Matcher strategies(store_);
+    Matcher general(store_);
+    std::vector<Match> fast = strategies.match(query);
+    std::vector<Match> reference = general.match(query, std::span<const uint32_t>(all));
+    if (c.sameQuality) {
+      EXPECT_EQ(fast, reference) << c.query;
+    } else {
+      EXPECT_EQ(idsOf(fast), idsOf(reference)) << c.query;
+    }
+  }
+}
+
+TEST_F(LargeIndexTest, TrigramBlockScanFindsWhatTheFullScanFinds) {
+  auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store_, nullptr));
+  for (const char* word : {"report", "résumé", "colour", "x_ab", "zzzz", "photo final", "ab"}) {
+    Query query = QueryParser::parse(word);
+    Matcher plain(store_);
+    Matcher narrowed(store_);
+    narrowed.trigrams = trigrams;
+    EXPECT_EQ(narrowed.match(query), plain.match(query)) << word;
+  }
+}
+
+TEST_F(LargeIndexTest, EveryKernelAgreesWithTheScalarScan) {
+  ASSERT_TRUE(store_->namesInRecordOrder());
+  uint32_t n = store_->count();
+  for (std::string needle : {"r", "re", "report", "a", "x_ab", "\xff", "rrrrrrrrrrrrrrrrrrrrrrrrrr",
+                             "img_1", ".", "résumé"}) {
+    std::vector<Match> reference;
+    detail::scanRange(*store_, 0, n, needle, detail::ScanKernel::scalar, reference);
+    for (auto kernel : {detail::ScanKernel::sse2, detail::ScanKernel::blobSse2,
+                        detail::ScanKernel::blobAvx2}) {
+      std::vector<Match> got;
+      // Odd range boundaries exercise the ends of blob windows.
+      detail::scanRange(*store_, 0, 7, needle, kernel, got);
+      detail::scanRange(*store_, 7, n - 3, needle, kernel, got);
+      detail::scanRange(*store_, n - 3, n, needle, kernel, got);
+      EXPECT_EQ(got, reference) << needle << " kernel " << static_cast<int>(kernel);
+    }
+  }
+}
+
+TEST_F(LargeIndexTest, FuzzyFallbackAddsAtMostFiftyNewHits) {
+  Matcher matcher(store_);
+  Query query = QueryParser::parse("rprt");
+  std::vector<Match> exact = matcher.match(query);
+  ASSERT_LT(exact.size(), Matcher::fuzzyFallbackThreshold);
+  std::vector<Match> all = matcher.matchWithFuzzyFallback(query);
+  ASSERT_GT(all.size(), exact.size());
+  EXPECT_LE(all.size() - exact.size(), Matcher::maxFuzzyResults);
+  std::set<uint32_t> seen;
+  for (const Match& m : all) EXPECT_TRUE(seen.insert(m.id).second) << "repeated " << m.id;
+  for (size_t i = exact.size(); i < all.size(); ++i) EXPECT_EQ(all[i].quality, MatchQuality::fuzzy);
+}
+
+// Small indexes: the general evaluation only.
+class SmallIndexTest : public ::testing::Test {
+ protected:
+  std::shared_ptr<const IndexStore> load(const std::vector<testing::FixtureEntry>& entries) {
+    return testing::writeAndLoad(testing::buildTree(entries), tree_ / "index.bin");
+  }
+  std::vector<Match> run(const std::shared_ptr<const IndexStore>& store, const char* text,
+                         bool fuzzy = false) {
+    Matcher matcher(store);
+    Query query = QueryParser::parse(text);
+    return fuzzy ? matcher.matchWithFuzzyFallback(query) : matcher.match(query);
+  }
+  testing::TempTree tree_;
+};
+
+TEST_F(SmallIndexTest, FirstOccurrenceQualities) {
+  auto store = load({{"/AB"}, {"/xab"}, {"/x_ab"}, {"/x.ab"}, {"/x ab"}, {"/x-ab"}, {"/abc"}});
+  std::vector<Match> matches = run(store, "ab");
+  std::vector<std::pair<MatchQuality, int32_t>> got;
+  for (const Match& m : matches) got.emplace_back(m.quality, m.matchOffset);
+  using Q = MatchQuality;
+  EXPECT_EQ(got, (std::vector<std::pair<Q, int32_t>>{{Q::exact, 0}, {Q::substring, 1},
+                                                     {Q::wordBoundary, 2}, {Q::wordBoundary, 2},
+                                                     {Q::wordBoundary, 2}, {Q::wordBoundary, 2},
+                                                     {Q::prefix, 0}}));
+}
+
+TEST_F(SmallIndexTest, FiltersAndPaths) {
+  auto store = load({{"/.bashrc", 10, 1}, {"/archive.", 10, 1}, {"/a.MD", 10, 1},
+                     {"/big.bin", 5'000'000, 1}, {"/unfilled.bin"},
+                     {"/top/play/deep/x.txt", 1, 1}, {"/top/other.txt", 1, 1}});
+  auto names = [&](const char* text) {
+    std::vector<std::string> out;
+    for (const Match& m : run(store, text)) out.push_back(store->name(m.id));
+    return out;
+  };
+  EXPECT_EQ(names("ext:md"), std::vector<std::string>{"a.MD"});
+  EXPECT_EQ(names("ext:bashrc"), std::vector<std::string>{});
+  EXPECT_EQ(names("size:>1mb"), std::vector<std::string>{"big.bin"});
+  EXPECT_EQ(names("!size:>1mb ext:bin"), std::vector<std::string>{"unfilled.bin"});
+  EXPECT_EQ(names("path:play"), (std::vector<std::string>{"play", "deep", "x.txt"}));
+  EXPECT_EQ(names("path:TOP/PLAY/d"), (std::vector<std::string>{"deep", "x.txt"}));
+}
+
+TEST_F(SmallIndexTest, FuzzyFallbackThresholds) {
+  std::vector<testing::FixtureEntry> entries;
+  for (int i = 0; i < 4; ++i) entries.push_back({"/abc" + std::to_string(i)});
+  entries.push_back({"/a_b_c"});
+  entries.push_back({"/xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx"});
+  auto store = load(entries);
+  EXPECT_EQ(run(store, "abc", true).size(), 5u) << "four exact hits bring the fuzzy one";
+  entries.push_back({"/abc4"});
+  store = load(entries);
+  EXPECT_EQ(run(store, "abc", true).size(), 5u) << "five exact hits: no fuzzy scan";
+  EXPECT_EQ(run(store, std::string(33, 'x').c_str(), true).size(), 1u)
+      << "a 33-byte word gets its exact hit and no fuzzy scan";
+}
+
+}  // namespace
+}  // namespace tarvolin

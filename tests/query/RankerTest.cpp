@@ -1,0 +1,87 @@
+#include "tarvolin/query/Ranker.h"
+
+#include <gtest/gtest.h>
+
+#include "support/IndexFixture.h"
+#include "support/TempTree.h"
+
+namespace tarvolin {
+namespace {
+
+class RankerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    store_ = testing::writeAndLoad(
+        testing::buildTree({
+            {"/a/b/file.txt"},                        // depth 3
+            {"/a/b/.file.txt"},                       // hidden
+            {"/x/node_modules/y/file.txt"},           // demoted by an ancestor
+            {"/Tools.app/", std::nullopt, 0, RecordFlags::isApp},
+            {"/Tools.app/c/file.txt"},                // inside an application
+            {"/a/Build/file.txt"},                    // case-sensitive demotion
+            {"/a/b/build"},                           // own name never demotes
+        }),
+        tree_ / "index.bin");
+  }
+  uint32_t id(const std::string& path) { return *testing::findRecord(*store_, path); }
+  Match at(const std::string& path, MatchQuality quality = MatchQuality::substring, int32_t offset = 0) {
+    return Match{id(path), quality, offset};
+  }
+  testing::TempTree tree_;
+  std::shared_ptr<const IndexStore> store_;
+};
+
+TEST_F(RankerTest, ScoreTerms) {
+  Ranker ranker(store_);
+  EXPECT_EQ(ranker.score(at("/a/b/file.txt")), -30);
+  EXPECT_EQ(ranker.score(at("/a/b/.file.txt")), -230);
+  EXPECT_EQ(ranker.score(at("/x/node_modules/y/file.txt")), -5040);
+  EXPECT_EQ(ranker.score(at("/Tools.app/c/file.txt")), -40030);
+  EXPECT_EQ(ranker.score(at("/Tools.app")), 50000 - 10);
+  EXPECT_EQ(ranker.score(at("/a/Build/file.txt")), -30);
+  EXPECT_EQ(ranker.score(at("/a/b/build")), -30);
+  EXPECT_EQ(ranker.score(at("/a/b/file.txt", MatchQuality::substring, 250)), -130);
+}
+
+TEST_F(RankerTest, BucketsComeBeforeScores) {
+  Ranker ranker(store_);
+  std::vector<Match> matches;
+  for (int i = 0; i < 10; ++i) matches.push_back(at("/a/b/file.txt", MatchQuality::prefix, i));
+  for (int i = 0; i < 3; ++i) matches.push_back(at("/x/node_modules/y/file.txt", MatchQuality::exact, i));
+  std::vector<RankedResult> ranked = ranker.rank(matches, 5);
+  ASSERT_EQ(ranked.size(), 5u);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(ranked[i].match.quality, MatchQuality::exact);
+    EXPECT_EQ(ranked[i].match.matchOffset, i) << "equal-quality bucket ordered by score";
+  }
+  EXPECT_EQ(ranked[3].match.matchOffset, 0);
+  EXPECT_EQ(ranked[4].match.matchOffset, 1);
+  EXPECT_TRUE(ranker.rank(matches, 0).empty());
+  EXPECT_TRUE(ranker.rank(matches, -1).empty());
+  EXPECT_TRUE(ranker.rank({}, 5).empty());
+}
+
+TEST_F(RankerTest, AppsAtAWordBoundaryRankWithExactMatches) {
+  Ranker ranker(store_);
+  std::vector<Match> matches = {at("/a/b/file.txt", MatchQuality::prefix),
+                                at("/Tools.app", MatchQuality::wordBoundary),
+                                at("/a/b/build", MatchQuality::exact)};
+  std::vector<RankedResult> ranked = ranker.rank(matches, 3);
+  ASSERT_EQ(ranked.size(), 3u);
+  EXPECT_EQ(ranked[0].match.id, id("/Tools.app"));
+  EXPECT_EQ(ranked[0].match.quality, MatchQuality::wordBoundary) << "the match keeps its quality";
+  EXPECT_EQ(ranked[1].match.id, id("/a/b/build"));
+  EXPECT_EQ(ranked[2].match.id, id("/a/b/file.txt"));
+}
+
+TEST_F(RankerTest, EqualScoresKeepTheMatcherOrder) {
+  Ranker ranker(store_);
+  std::vector<Match> matches = {at("/a/b/build"), at("/a/b/file.txt"), at("/a/Build/file.txt")};
+  std::vector<RankedResult> ranked = ranker.rank(matches, 2);
+  ASSERT_EQ(ranked.size(), 2u);
+  EXPECT_EQ(ranked[0].match.id, id("/a/b/build"));
+  EXPECT_EQ(ranked[1].match.id, id("/a/b/file.txt"));
+}
+
+}  // namespace
+}  // namespace tarvolin
