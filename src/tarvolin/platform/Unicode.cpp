@@ -226,4 +226,52 @@ size_t graphemeCount(std::string_view text) {
   return count;
 }
 
+size_t graphemeClusterEnd(std::string_view text, size_t start) {
+  size_t i = start;
+  auto first = static_cast<unsigned char>(text[i]);
+  // Two ASCII characters are always split, except CR LF: the rules that join need marks,
+  // joiners or prepended characters, all outside ASCII.
+  if (first < 0x80) {
+    if (i + 1 >= text.size()) return i + 1;
+    auto next = static_cast<unsigned char>(text[i + 1]);
+    if (next < 0x80) return first == '\r' && next == '\n' ? i + 2 : i + 1;
+  }
+  utf8proc_int32_t state = 0;
+  auto previous = static_cast<utf8proc_int32_t>(decodeCodePoint(text, i));
+  while (i < text.size()) {
+    size_t at = i;
+    auto current = static_cast<utf8proc_int32_t>(decodeCodePoint(text, i));
+    if (utf8proc_grapheme_break_stateful(previous, current, &state)) return at;
+    previous = current;
+  }
+  return text.size();
+}
+
+namespace {
+
+utf8proc_category_t categoryOf(char32_t codePoint) {
+  if (codePoint > 0x10FFFF) return UTF8PROC_CATEGORY_CN;
+  return utf8proc_category(static_cast<utf8proc_int32_t>(codePoint));
+}
+
+}  // namespace
+
+bool isLetter(char32_t codePoint) {
+  if (codePoint < 0x80) {
+    return (codePoint | 0x20) >= 'a' && (codePoint | 0x20) <= 'z';
+  }
+  utf8proc_category_t category = categoryOf(codePoint);
+  return category >= UTF8PROC_CATEGORY_LU && category <= UTF8PROC_CATEGORY_LO;
+}
+
+bool isDecimalDigit(char32_t codePoint) {
+  if (codePoint < 0x80) return codePoint >= '0' && codePoint <= '9';
+  return categoryOf(codePoint) == UTF8PROC_CATEGORY_ND;
+}
+
+bool isHorizontalWhitespace(char32_t codePoint) {
+  if (codePoint < 0x80) return codePoint == ' ' || codePoint == '\t';
+  return categoryOf(codePoint) == UTF8PROC_CATEGORY_ZS;
+}
+
 }  // namespace tarvolin::platform

@@ -48,4 +48,18 @@ char32_t decodeCodePoint(std::string_view bytes, size_t& index);
 /// Appends the UTF-8 form of `codePoint` to `out`.
 void appendCodePoint(std::string& out, char32_t codePoint);
 
+/// Byte offset just past the grapheme cluster ("character") that starts at `text[start]`, so a
+/// caller can walk the characters of a text in place. Invalid bytes count as U+FFFD, as in
+/// graphemeClusters; `start` must itself be a cluster boundary. Allocates nothing.
+/// REQUIRES: start < text.size().
+size_t graphemeClusterEnd(std::string_view text, size_t start);
+
+/// Letters: general category L (Lu, Ll, Lt, Lm, Lo).
+bool isLetter(char32_t codePoint);
+/// Decimal digits: general category Nd (ASCII "0"-"9" and the other scripts' digits).
+bool isDecimalDigit(char32_t codePoint);
+/// Horizontal white space: general category Zs or the tab. Line breaks are not included, so
+/// trimming with it keeps them.
+bool isHorizontalWhitespace(char32_t codePoint);
+
 }  // namespace tarvolin::platform
