@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tarvolin/platform/Calendar.h"
+#include "tarvolin/platform/Regex.h"
 #include "tarvolin/query/Match.h"
 #include "tarvolin/query/Query.h"
 

@@ -196,7 +196,7 @@ void scanBlobSse2(const ScanInput& in, uint32_t begin, uint32_t end, std::vector
 struct Avx2Mask {
   __m256i lower0, upper0, lower1, upper1;
   bool pair;
-  [[gnu::target("avx2"), gnu::always_inline]] inline uint32_t operator()(const uint8_t* p) const {
+  [[gnu::target("avx2")]] inline uint32_t operator()(const uint8_t* p) const {
     __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
     __m256i hit = _mm256_or_si256(_mm256_cmpeq_epi8(a, lower0), _mm256_cmpeq_epi8(a, upper0));
     if (pair) {
@@ -208,7 +208,8 @@ struct Avx2Mask {
   }
 };
 
-[[gnu::target("avx2")]] void scanBlobAvx2(const ScanInput& in, uint32_t begin, uint32_t end,
+// flatten pulls the loop and the mask into this AVX2 function, where the mask may be inlined.
+[[gnu::target("avx2"), gnu::flatten]] void scanBlobAvx2(const ScanInput& in, uint32_t begin, uint32_t end,
                                           std::vector<Match>& out) {
   const uint8_t second = in.length >= 2 ? in.needle[1] : 0;
   Avx2Mask mask{_mm256_set1_epi8(static_cast<char>(in.needle[0])),
