@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <stdexcept>
 
 namespace tarvolin::testing {
@@ -53,6 +54,24 @@ ToolResult runTool(const std::vector<std::string>& args, const std::string& home
   waitpid(child, &status, 0);
   result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return result;
+}
+
+std::string maskMilliseconds(const std::string& text) {
+  std::string out;
+  size_t copied = 0;
+  for (size_t at = text.find("ms"); at != std::string::npos; at = text.find("ms", at + 2)) {
+    size_t start = at;
+    while (start > copied && (std::isdigit(static_cast<unsigned char>(text[start - 1])) ||
+                              text[start - 1] == '.')) {
+      --start;
+    }
+    if (start == at) continue;
+    out.append(text, copied, start - copied);
+    out += "T";
+    copied = at;
+  }
+  out.append(text, copied, std::string::npos);
+  return out;
 }
 
 }  // namespace tarvolin::testing

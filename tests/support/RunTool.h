@@ -15,4 +15,7 @@ struct ToolResult {
 
 ToolResult runTool(const std::vector<std::string>& args, const std::string& home);
 
+/// `text` with every duration such as "12.34ms" written as "Tms", for comparing reports.
+std::string maskMilliseconds(const std::string& text);
+
 }  // namespace tarvolin::testing

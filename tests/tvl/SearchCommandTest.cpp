@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 
 #include "support/IndexFixture.h"
 #include "support/RunTool.h"
@@ -27,10 +26,7 @@ class SearchCommandTest : public ::testing::Test {
     args.insert(args.end(), words.begin(), words.end());
     return runTool(args, home_.root().string());
   }
-  // The summary line with the milliseconds replaced by "T".
-  static std::string masked(const std::string& out) {
-    return std::regex_replace(out, std::regex("in [0-9]+\\.[0-9]{2}ms"), "in Tms");
-  }
+  static std::string masked(const std::string& out) { return testing::maskMilliseconds(out); }
   TempTree home_;
 };
 
@@ -90,7 +86,7 @@ TEST_F(SearchCommandTest, BenchAndMeasureReportEveryLine) {
   writeIndex(IndexBuilder());
   auto bench = runTool({"bench", "ignored"}, home_.root().string());
   EXPECT_EQ(bench.status, 0);
-  std::string masked = std::regex_replace(bench.out, std::regex("[0-9]+\\.[0-9]{2}ms"), "Tms");
+  std::string masked = testing::maskMilliseconds(bench.out);
   EXPECT_EQ(masked,
             "Records: 0, name blob: 0MB\n"
             "  a                  0 matches  Tms\n"
@@ -106,7 +102,7 @@ TEST_F(SearchCommandTest, BenchAndMeasureReportEveryLine) {
 
   auto measure = runTool({"measure"}, home_.root().string());
   EXPECT_EQ(measure.status, 0);
-  masked = std::regex_replace(measure.out, std::regex("[0-9]+\\.[0-9]{2}ms"), "Tms");
+  masked = testing::maskMilliseconds(measure.out);
   EXPECT_EQ(masked,
             "Records: 0\n"
             "  path:playground matching    Tms\n"

@@ -24,6 +24,7 @@ Rolling::Rolling() {
 }
 
 void Rolling::update(std::span<const uint8_t> bytes) {
+  if (bytes.empty()) return;  // an empty span may carry a null pointer
   const uint8_t* p = bytes.data();
   size_t n = bytes.size();
   total_ += n;
