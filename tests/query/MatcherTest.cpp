@@ -231,3 +231,35 @@ TEST_F(SmallIndexTest, FuzzyFallbackThresholds) {
 
 }  // namespace
 }  // namespace tarvolin
+
+namespace tarvolin {
+namespace {
+
+TEST_F(SmallIndexTest, HostileQueriesAnswerWithoutRunningAway) {
+  std::vector<testing::FixtureEntry> entries;
+  for (int i = 0; i < 50; ++i) entries.push_back({"/" + std::string(250, 'a') + "!" + std::to_string(i)});
+  entries.push_back({"/bad\xFF\xFEname"});
+  auto store = load(entries);
+  std::string manyTerms;
+  for (int i = 0; i < 10000; ++i) manyTerms += "a ";
+  std::string hugeToken(1 << 20, 'a');
+  struct Case {
+    std::string query;
+    size_t expected;
+  };
+  const Case cases[] = {
+      {manyTerms, 51},
+      {hugeToken, 0},
+      {"/(a+)+$/", 0},          // bounded backtracking gives up: no match, no hang
+      {"/(a|aa)+b/", 0},
+      {"/[/", 0},               // invalid: matches nothing
+      {"\xFF\xFE", 0},          // query text is decoded, so this is U+FFFD twice
+      {std::string(1, '\0'), 0},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(run(store, c.query.c_str(), true).size(), c.expected) << c.query.substr(0, 20);
+  }
+}
+
+}  // namespace
+}  // namespace tarvolin
