@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <new>
 
 namespace tarvolin {
 
@@ -30,10 +32,16 @@ bool Ranker::isDemotedName(std::string_view bytes) {
   return false;
 }
 
+void Ranker::FreeDeleter::operator()(uint32_t* p) const { std::free(p); }
+
 Ranker::Ranker(std::shared_ptr<const IndexStore> store) : store_(std::move(store)) {}
 
 Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
-  if (directoryCache_.empty()) directoryCache_.assign(store_->count(), 0);
+  if (!directoryCache_) {
+    auto* table = static_cast<uint32_t*>(std::calloc(std::max<size_t>(store_->count(), 1), 4));
+    if (table == nullptr) throw std::bad_alloc();
+    directoryCache_.reset(table);
+  }
   uint32_t cached = directoryCache_[id];
   if (cached & kComputed) {
     return {static_cast<int32_t>(cached & kDepthMask), (cached & kDemoted) != 0,

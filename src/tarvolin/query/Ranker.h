@@ -58,8 +58,12 @@ class Ranker {
 
   std::shared_ptr<const IndexStore> store_;
   // Memo per record, packed: bit 31 computed, bit 30 demoted, bit 29 appAbove, low bits depth.
-  // A flat table (4 bytes per record) beats a hash map once many matches share folders.
-  std::vector<uint32_t> directoryCache_;
+  // A flat table (4 bytes per record) beats a hash map once many matches share folders. It is
+  // taken zeroed from calloc, so only the pages of folders actually ranked are ever touched.
+  struct FreeDeleter {
+    void operator()(uint32_t* p) const;
+  };
+  std::unique_ptr<uint32_t[], FreeDeleter> directoryCache_;
 };
 
 }  // namespace tarvolin

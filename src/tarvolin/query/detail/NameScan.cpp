@@ -138,6 +138,9 @@ struct BlobWalker {
   }
 };
 
+// Candidates are positions where the needle's first byte and its last byte (m - 1 further on)
+// both match in either case form: far more selective than the first byte alone, or the first
+// two, in names that share long common prefixes ("lib", "python").
 template <size_t Width, typename Mask>
 [[gnu::always_inline]] inline void blobLoop(const ScanInput& in, uint32_t begin, uint32_t end,
                                             std::vector<Match>& out, Mask&& vectorMask) {
@@ -145,18 +148,18 @@ template <size_t Width, typename Mask>
   BlobWalker walker{in, begin, end, out};
   uint64_t position = in.records[begin].nameOffset;
   const uint64_t stop = walker.endOf(end - 1);
-  const bool pair = in.length >= 2;
+  const size_t last = in.length - 1;
   while (position < stop) {
     uint32_t bits;
-    if (position + Width + (pair ? 1 : 0) <= in.blobLength) {
+    if (position + Width + last <= in.blobLength) {
       bits = vectorMask(in.blob + position);
     } else {
       bits = 0;
-      for (size_t k = 0; k < Width && position + k < in.blobLength; ++k) {
+      for (size_t k = 0; k < Width && position + k + last < in.blobLength; ++k) {
         const uint8_t* p = in.blob + position + k;
-        bool first = foldAscii(p[0]) == in.needle[0];
-        bool second = !pair || (position + k + 1 < in.blobLength && foldAscii(p[1]) == in.needle[1]);
-        if (first && second) bits |= 1u << k;
+        if (foldAscii(p[0]) == in.needle[0] && foldAscii(p[last]) == in.needle[last]) {
+          bits |= 1u << k;
+        }
       }
     }
     if (stop - position < Width) bits &= (1u << (stop - position)) - 1;
@@ -176,34 +179,29 @@ template <size_t Width, typename Mask>
 }
 
 void scanBlobSse2(const ScanInput& in, uint32_t begin, uint32_t end, std::vector<Match>& out) {
+  const size_t last = in.length - 1;
   const __m128i lower0 = _mm_set1_epi8(static_cast<char>(in.needle[0]));
   const __m128i upper0 = _mm_set1_epi8(static_cast<char>(upperForm(in.needle[0])));
-  const uint8_t second = in.length >= 2 ? in.needle[1] : 0;
-  const __m128i lower1 = _mm_set1_epi8(static_cast<char>(second));
-  const __m128i upper1 = _mm_set1_epi8(static_cast<char>(upperForm(second)));
-  const bool pair = in.length >= 2;
+  const __m128i lowerN = _mm_set1_epi8(static_cast<char>(in.needle[last]));
+  const __m128i upperN = _mm_set1_epi8(static_cast<char>(upperForm(in.needle[last])));
   blobLoop<16>(in, begin, end, out, [&](const uint8_t* p) -> uint32_t {
     __m128i a = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-    __m128i hit = _mm_or_si128(_mm_cmpeq_epi8(a, lower0), _mm_cmpeq_epi8(a, upper0));
-    if (pair) {
-      __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 1));
-      hit = _mm_and_si128(hit, _mm_or_si128(_mm_cmpeq_epi8(b, lower1), _mm_cmpeq_epi8(b, upper1)));
-    }
+    __m128i b = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + last));
+    __m128i hit = _mm_and_si128(_mm_or_si128(_mm_cmpeq_epi8(a, lower0), _mm_cmpeq_epi8(a, upper0)),
+                                _mm_or_si128(_mm_cmpeq_epi8(b, lowerN), _mm_cmpeq_epi8(b, upperN)));
     return static_cast<uint32_t>(_mm_movemask_epi8(hit));
   });
 }
 
 struct Avx2Mask {
-  __m256i lower0, upper0, lower1, upper1;
-  bool pair;
+  __m256i lower0, upper0, lowerN, upperN;
+  size_t last;
   [[gnu::target("avx2")]] inline uint32_t operator()(const uint8_t* p) const {
     __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
-    __m256i hit = _mm256_or_si256(_mm256_cmpeq_epi8(a, lower0), _mm256_cmpeq_epi8(a, upper0));
-    if (pair) {
-      __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + 1));
-      hit = _mm256_and_si256(hit,
-                             _mm256_or_si256(_mm256_cmpeq_epi8(b, lower1), _mm256_cmpeq_epi8(b, upper1)));
-    }
+    __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p + last));
+    __m256i hit =
+        _mm256_and_si256(_mm256_or_si256(_mm256_cmpeq_epi8(a, lower0), _mm256_cmpeq_epi8(a, upper0)),
+                         _mm256_or_si256(_mm256_cmpeq_epi8(b, lowerN), _mm256_cmpeq_epi8(b, upperN)));
     return static_cast<uint32_t>(_mm256_movemask_epi8(hit));
   }
 };
@@ -211,11 +209,11 @@ struct Avx2Mask {
 // flatten pulls the loop and the mask into this AVX2 function, where the mask may be inlined.
 [[gnu::target("avx2"), gnu::flatten]] void scanBlobAvx2(const ScanInput& in, uint32_t begin, uint32_t end,
                                           std::vector<Match>& out) {
-  const uint8_t second = in.length >= 2 ? in.needle[1] : 0;
+  const size_t last = in.length - 1;
   Avx2Mask mask{_mm256_set1_epi8(static_cast<char>(in.needle[0])),
                 _mm256_set1_epi8(static_cast<char>(upperForm(in.needle[0]))),
-                _mm256_set1_epi8(static_cast<char>(second)),
-                _mm256_set1_epi8(static_cast<char>(upperForm(second))), in.length >= 2};
+                _mm256_set1_epi8(static_cast<char>(in.needle[last])),
+                _mm256_set1_epi8(static_cast<char>(upperForm(in.needle[last]))), last};
   blobLoop<32>(in, begin, end, out, mask);
 }
 
