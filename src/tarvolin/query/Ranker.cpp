@@ -47,15 +47,16 @@ Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
     return {static_cast<int32_t>(cached & kDepthMask), (cached & kDemoted) != 0,
             (cached & kAppAbove) != 0};
   }
+  const FileRecord& record = (*store_)[id];
   AncestorInfo info{0, false, false};
-  uint32_t parent = (*store_)[id].parentID;
-  if (parent != FileRecord::rootParentID && budget >= 1) {
-    AncestorInfo above = ancestorInfo(parent, budget - 1);
-    info.depth = above.depth + 1;
-    info.demoted = above.demoted || isDemotedName(store_->nameBytes(parent));
-    info.appAbove = above.appAbove || (*store_)[parent].flags.contains(RecordFlags::isApp);
+  if (record.parentID != FileRecord::rootParentID && budget >= 1) {
+    AncestorInfo above = ancestorInfo(record.parentID, budget - 1);
+    info = {above.depth + 1, above.demotedThrough, above.appThrough};
   }
-  directoryCache_[id] = kComputed | (info.demoted ? kDemoted : 0) | (info.appAbove ? kAppAbove : 0) |
+  info.demotedThrough = info.demotedThrough || isDemotedName(store_->nameBytes(id));
+  info.appThrough = info.appThrough || record.flags.contains(RecordFlags::isApp);
+  directoryCache_[id] = kComputed | (info.demotedThrough ? kDemoted : 0) |
+                        (info.appThrough ? kAppAbove : 0) |
                         (static_cast<uint32_t>(info.depth) & kDepthMask);
   return info;
 }
@@ -63,16 +64,16 @@ Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
 int32_t Ranker::score(const Match& match) {
   const FileRecord& record = (*store_)[match.id];
   bool hidden = record.flags.contains(RecordFlags::isHidden);
-  int32_t base;
   int32_t depth = 0;
   bool demoted = false;
   bool insideApp = false;
   if (record.parentID != FileRecord::rootParentID) {
-    AncestorInfo above = ancestorInfo(record.parentID, ancestorLimit);
-    depth = above.depth + 1;
-    demoted = above.demoted || isDemotedName(store_->nameBytes(record.parentID));
-    insideApp = above.appAbove || (*store_)[record.parentID].flags.contains(RecordFlags::isApp);
+    AncestorInfo parent = ancestorInfo(record.parentID, ancestorLimit);
+    depth = parent.depth + 1;
+    demoted = parent.demotedThrough;
+    insideApp = parent.appThrough;
   }
+  int32_t base;
   if (record.flags.contains(RecordFlags::isApp)) {
     base = appScore - (hidden ? hiddenPenalty : 0);
   } else {

@@ -46,10 +46,12 @@ class Ranker {
   int32_t score(const Match& match);
 
  private:
+  /// What a record's descendants inherit from it: its own depth (number of ancestors), and
+  /// whether it or some ancestor has a demoted name, or is an application.
   struct AncestorInfo {
-    int32_t depth;     // number of ancestors
-    bool demoted;      // some ancestor has a demoted name
-    bool appAbove;     // some ancestor is an application
+    int32_t depth;
+    bool demotedThrough;
+    bool appThrough;
   };
 
   std::vector<RankedResult> topK(const std::vector<Match>& matches, int64_t k);
@@ -57,7 +59,8 @@ class Ranker {
   static bool isDemotedName(std::string_view bytes);
 
   std::shared_ptr<const IndexStore> store_;
-  // Memo per record, packed: bit 31 computed, bit 30 demoted, bit 29 appAbove, low bits depth.
+  // Memo per folder, packed: bit 31 computed, bit 30 demotedThrough, bit 29 appThrough, low
+  // bits depth. One lookup of the parent's entry scores a match.
   // A flat table (4 bytes per record) beats a hash map once many matches share folders. It is
   // taken zeroed from calloc, so only the pages of folders actually ranked are ever touched.
   struct FreeDeleter {
