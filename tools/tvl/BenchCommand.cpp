@@ -42,7 +42,7 @@ int runBench(const Context& context) {
   for (const char* query : kBenchQueries) {
     tarvolin::SearchSession session(store);
     uint64_t start = tarvolin::platform::monotonicNanoseconds();
-    std::vector<tarvolin::Match> matches = session.search(query);
+    const std::vector<tarvolin::Match>& matches = session.search(query);
     double elapsed = millisecondsSince(start);
     output::format("  %s%6" PRId64 " matches  %.2fms\n", fitToWidth(query, 14).c_str(),
                    static_cast<int64_t>(matches.size()), elapsed);

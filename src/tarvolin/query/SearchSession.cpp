@@ -45,11 +45,12 @@ std::optional<std::vector<uint32_t>> SearchSession::candidatePool(const std::str
   return pool;
 }
 
-std::vector<Match> SearchSession::search(const std::string& text) {
+const std::vector<Match>& SearchSession::search(const std::string& text) {
+  static const std::vector<Match> kNothing;
   Query query = QueryParser::parse(text);
   if (query.isEmpty()) {
     stack_.clear();
-    return {};
+    return kNothing;
   }
   for (size_t i = stack_.size(); i-- > 0;) {
     if (stack_[i].generation == generation_ && platform::equalAsText(stack_[i].text, text)) {
@@ -64,8 +65,8 @@ std::vector<Match> SearchSession::search(const std::string& text) {
     stack_.clear();
     results = matcher_->matchWithFuzzyFallback(query);
   }
-  stack_.push_back(Level{text, results, generation_});
-  return results;
+  stack_.push_back(Level{text, std::move(results), generation_});
+  return stack_.back().results;
 }
 
 }  // namespace tarvolin

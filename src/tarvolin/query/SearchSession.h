@@ -22,8 +22,9 @@ class SearchSession {
  public:
   explicit SearchSession(std::shared_ptr<const IndexStore> store);
 
-  /// The unranked matches for `text` (the caller ranks them).
-  std::vector<Match> search(const std::string& text);
+  /// The unranked matches for `text` (the caller ranks them). The list is the session's own
+  /// memory of this level: valid until the next search, reset or updateStore.
+  const std::vector<Match>& search(const std::string& text);
   /// Forgets every level (the search field was cleared or a new typing run begins).
   void reset() { stack_.clear(); }
   size_t stackDepth() const { return stack_.size(); }
