@@ -181,6 +181,25 @@ TEST(QueryParserTest, BlankTextsAndInvalidBytes) {
   EXPECT_EQ(query.raw, "a\xFF" "b");
 }
 
+TEST(QueryParserTest, HostileTextsStillGiveAQuery) {
+  const std::string bangs(100000, '!');
+  const std::string brackets = std::string(50000, '(') + std::string(50000, '[');
+  const std::string manyPipes = [] {
+    std::string text;
+    for (int i = 0; i < 20000; ++i) text += "ext: | ";
+    return text;
+  }();
+  expectParses({
+      {bangs, {sub(bangs)}},
+      {brackets, {sub(brackets)}},
+      {"\"" + brackets, {sub(brackets)}},
+      {std::string("a\0b", 3), {sub(std::string("a\0b", 3))}},
+  });
+  Query query = QueryParser::parse(manyPipes);
+  EXPECT_EQ(query.orGroups.size(), 20000u);
+  EXPECT_EQ(query, QueryParser::parse(manyPipes));
+}
+
 TEST(QueryParserTest, SplitTopLevelOr) {
   struct SplitCase {
     std::string text;

@@ -103,6 +103,10 @@ TEST(RegexLiteralTest, EscapesWithArgumentsAndQuotedText) {
       {"xa\\E?yz", "yz", {"xyz"}},
       {"xya(?#c)?z", "xy", {"xyz"}},
       {"\\Q[\\Eab|xy", std::nullopt, {"xy"}},
+      // Found by fuzzing: "\c" takes the next character whatever it is, so "[" and "]" after it
+      // neither open nor close a class.
+      {"ab\\c[|xy", std::nullopt, {"xy"}},
+      {"[\\c]ab]cd", "cd", {"acd"}},
   });
 }
 
