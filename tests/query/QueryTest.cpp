@@ -88,6 +88,7 @@ TEST(QueryTest, EqualityIsStructuralWithStringsComparedAsText) {
     }
   }
   EXPECT_EQ(Term::dateModified(DateConstraint::today()), Term::dateModified(DateConstraint::today()));
+  EXPECT_EQ(DateConstraint(), DateConstraint::withinDays(0));
   // Lists compare in order.
   EXPECT_NE((Query{.andTerms = {sub("a"), sub("b")}}), (Query{.andTerms = {sub("b"), sub("a")}}));
   EXPECT_NE((Query{.andTerms = {sub("a")}}), (Query{.orGroups = {{sub("a")}}}));

@@ -61,7 +61,7 @@ class DateConstraint {
   using Value = std::variant<WithinDays, Month, Today>;
 
   /// withinDays(0), so the type can sit in containers and compiled forms.
-  DateConstraint() = default;
+  DateConstraint() : value_(WithinDays{0}) {}
   static DateConstraint withinDays(int64_t days) { return DateConstraint(WithinDays{days}); }
   static DateConstraint month(int64_t year, int64_t month) {
     return DateConstraint(Month{year, month});
