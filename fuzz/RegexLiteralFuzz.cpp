@@ -37,8 +37,8 @@ bool matches(std::string_view pattern, std::string_view subject, uint32_t option
   pcre2_set_match_limit(context, 20000);
   pcre2_set_depth_limit(context, 2000);
   pcre2_match_data* data = pcre2_match_data_create_from_pattern(code, nullptr);
-  int result = pcre2_match(code, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), 0,
-                           0, data, context);
+  int result = pcre2_match(code, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), 0, 0,
+                           data, context);
   pcre2_match_data_free(data);
   pcre2_match_context_free(context);
   pcre2_code_free(code);
@@ -79,12 +79,12 @@ class Generator {
 
  private:
   uint8_t next() { return at_ < size_ ? data_[at_++] : 0; }
-  bool exhausted() const { return at_ >= size_ || pattern_budget_ <= 0; }
+  bool exhausted() const { return at_ >= size_ || patternBudget_ <= 0; }
 
   char letter() { return static_cast<char>("abcxyzABCXYZ019_-"[next() % 17]); }
 
   void item(int depth, std::string& pattern, std::string& subject) {
-    --pattern_budget_;
+    --patternBudget_;
     std::string atomPattern, atomSubject;
     bool quantifiable = atom(depth, atomPattern, atomSubject);
     pattern += atomPattern;
@@ -97,14 +97,36 @@ class Generator {
     if (choice & 0x80) pattern += (choice & 0x40) ? "\\E" : ((choice & 0x20) ? "(?#c)" : "\\Q\\E");
     int copies = 1;
     switch (choice % 10) {
-      case 0: pattern += "?"; copies = next() % 2; break;
-      case 1: pattern += "*"; copies = next() % 3; break;
-      case 2: pattern += "+"; copies = 1 + next() % 2; break;
-      case 3: copies = 1 + next() % 3; pattern += "{" + std::to_string(copies) + "}"; break;
-      case 4: copies = 1 + next() % 2; pattern += "{" + std::to_string(copies) + ",}"; break;
-      case 5: copies = next() % 2; pattern += "{0," + std::to_string(1 + copies) + "}"; break;
-      case 6: copies = 0; pattern += "{0}"; break;
-      default: break;  // no quantifier
+      case 0:
+        pattern += "?";
+        copies = next() % 2;
+        break;
+      case 1:
+        pattern += "*";
+        copies = next() % 3;
+        break;
+      case 2:
+        pattern += "+";
+        copies = 1 + next() % 2;
+        break;
+      case 3:
+        copies = 1 + next() % 3;
+        pattern += "{" + std::to_string(copies) + "}";
+        break;
+      case 4:
+        copies = 1 + next() % 2;
+        pattern += "{" + std::to_string(copies) + ",}";
+        break;
+      case 5:
+        copies = next() % 2;
+        pattern += "{0," + std::to_string(1 + copies) + "}";
+        break;
+      case 6:
+        copies = 0;
+        pattern += "{0}";
+        break;
+      default:
+        break;  // no quantifier
     }
     if (choice % 10 <= 5 && (next() & 1)) pattern += "?";  // lazy
     for (int k = 0; k < copies; ++k) subject += atomSubject;
@@ -131,18 +153,30 @@ class Generator {
       }
       case 4: {  // a class, possibly negated or starting with "]"
         switch (next() % 4) {
-          case 0: pattern += "[]xy]"; subject += "]"; break;
-          case 1: pattern += "[^]xy]"; subject += "q"; break;
-          case 2: pattern += "[[:digit:]ab]"; subject += "7"; break;
-          default: pattern += "[a-c\\]|(]"; subject += "|"; break;
+          case 0:
+            pattern += "[]xy]";
+            subject += "]";
+            break;
+          case 1:
+            pattern += "[^]xy]";
+            subject += "q";
+            break;
+          case 2:
+            pattern += "[[:digit:]ab]";
+            subject += "7";
+            break;
+          default:
+            pattern += "[a-c\\]|(]";
+            subject += "|";
+            break;
         }
         return true;
       }
       case 5: {  // escaped classes and escapes with arguments
         static const char* const escapes[][2] = {
-            {"\\d", "7"},      {"\\w", "q"},    {"\\s", " "},         {"\\x41", "A"},
-            {"\\x{42}", "B"},  {"\\cA", "\x01"}, {"\\o{103}", "C"},   {"\\p{Lu}", "Q"},
-            {"\\pL", "z"},     {"\\N{U+44}", "D"}, {"\\e", "\x1b"},  {"\\c[", "\x1b"},
+            {"\\d", "7"},     {"\\w", "q"},       {"\\s", " "},      {"\\x41", "A"},
+            {"\\x{42}", "B"}, {"\\cA", "\x01"},   {"\\o{103}", "C"}, {"\\p{Lu}", "Q"},
+            {"\\pL", "z"},    {"\\N{U+44}", "D"}, {"\\e", "\x1b"},   {"\\c[", "\x1b"},
         };
         const auto& escape = escapes[next() % 12];
         pattern += escape[0];
@@ -206,7 +240,7 @@ class Generator {
   const uint8_t* data_;
   size_t size_;
   size_t at_ = 0;
-  int pattern_budget_ = 40;
+  int patternBudget_ = 40;
   int groups_ = 0;
 };
 

@@ -455,7 +455,8 @@ std::vector<std::string> splitTopLevelOr(std::string_view text) {
     text = repaired;
   }
   std::vector<std::string> alternatives;
-  for (const auto& group : detail::splitOnPipes(detail::tokenize(detail::trimmingWhitespace(text)))) {
+  for (const auto& group :
+       detail::splitOnPipes(detail::tokenize(detail::trimmingWhitespace(text)))) {
     std::string joined;
     for (const std::string& token : group) {
       if (!joined.empty()) joined += ' ';
@@ -467,8 +468,8 @@ std::vector<std::string> splitTopLevelOr(std::string_view text) {
 }
 
 const std::set<std::string, std::less<>>& operatorKeys() {
-  static const std::set<std::string, std::less<>> keys = {
-      "ext", "path", "contains", "in", "folder", "app", "file", "size", "dm"};
+  static const std::set<std::string, std::less<>> keys = {"ext", "path", "contains", "in", "folder",
+                                                          "app", "file", "size",     "dm"};
   return keys;
 }
 
