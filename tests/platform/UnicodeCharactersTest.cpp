@@ -14,7 +14,7 @@ TEST(UnicodeCharactersTest, ClusterEndAgreesWithClusterList) {
       "",
       "plain ascii",
       "a\r\nb\r\r\n\n",
-      "e\xCC\x81t\xC3\xA9",                                  // e + combining acute, precomposed é
+      "e\xCC\x81t\xC3\xA9",                                // e + combining acute, precomposed é
       "\xF0\x9F\x87\xA9\xF0\x9F\x87\xAA\xF0\x9F\x87\xAB",  // three regional indicators
       "\xF0\x9F\x91\xA9\xE2\x80\x8D\xF0\x9F\x92\xBB!",     // woman + ZWJ + laptop, then "!"
       "\xD8\x80(x",                                        // prepended mark glued to "("
@@ -35,7 +35,8 @@ TEST(UnicodeCharactersTest, ClusterEndAgreesWithClusterList) {
 }
 
 TEST(UnicodeCharactersTest, Classes) {
-  for (char32_t c : {U'a', U'Z', U'\u00E9', U'\u03A9', U'\u4E2D', U'\u02B0'}) EXPECT_TRUE(isLetter(c));
+  for (char32_t c : {U'a', U'Z', U'\u00E9', U'\u03A9', U'\u4E2D', U'\u02B0'})
+    EXPECT_TRUE(isLetter(c));
   for (char32_t c : {U'1', U'_', U' ', U'\u0301', U'\u00BD', char32_t(0x110000)}) {
     EXPECT_FALSE(isLetter(c));
   }
@@ -44,7 +45,8 @@ TEST(UnicodeCharactersTest, Classes) {
   for (char32_t c : {U' ', U'\t', U'\u00A0', U'\u3000', U'\u2009'}) {
     EXPECT_TRUE(isHorizontalWhitespace(c));
   }
-  for (char32_t c : {U'\n', U'\r', U'\u2028', U'\u200B', U'x'}) EXPECT_FALSE(isHorizontalWhitespace(c));
+  for (char32_t c : {U'\n', U'\r', U'\u2028', U'\u200B', U'x'})
+    EXPECT_FALSE(isHorizontalWhitespace(c));
 }
 
 }  // namespace

@@ -48,7 +48,8 @@ TEST(QueryParserTest, OperatorsAndAlternatives) {
 TEST(QueryParserTest, DanglingOperatorsJoinOnlyForValueOperators) {
   expectParses({
       {"ext: md", {ext("md")}},
-      {"size: >1kb path: a b", {size(SizeComparison::greaterThan(1024)), Term::pathContains("a"), sub("b")}},
+      {"size: >1kb path: a b",
+       {size(SizeComparison::greaterThan(1024)), Term::pathContains("a"), sub("b")}},
       {"contains: \"a b\"", {Term::contains("a b")}},
       {"folder: x", {type(TypeConstraint::folder), sub("x")}},
       {"ext: | x", {}, {{sub("ext:")}, {sub("x")}}},
@@ -146,7 +147,7 @@ TEST(QueryParserTest, Sizes) {
       {"size:big", {sub("size:big")}},
       {"size:", {sub("size:")}},
       {"size:\xD9\xA1", {sub("size:\xD9\xA1")}},  // an Arabic-Indic digit is not a number here
-      {"size:1\xE2\x84\xAA" "B", {size(SizeComparison::equalTo(1024))}},  // Kelvin sign lower-cases to k
+      {"size:1\xE2\x84\xAA\x42", {size(SizeComparison::equalTo(1024))}},  // Kelvin sign: k
   });
 }
 
@@ -173,12 +174,31 @@ TEST(QueryParserTest, BlankTextsAndInvalidBytes) {
       {"", {}},
       {"   \t ", {}},
       {"\xC2\xA0 x \xE3\x80\x80", {sub("x")}},  // no-break and ideographic spaces are trimmed
-      {"\nx", {sub("\nx")}},                   // line breaks are not
+      {"\nx", {sub("\nx")}},                    // line breaks are not
       {"a  b", {sub("a"), sub("b")}},
   });
-  Query query = QueryParser::parse("a\xFF" "b");
-  EXPECT_EQ(query.andTerms, std::vector<Term>{sub("a\xEF\xBF\xBD" "b")});
-  EXPECT_EQ(query.raw, "a\xFF" "b");
+  Query query = QueryParser::parse("a\xFF\x62");
+  EXPECT_EQ(query.andTerms, std::vector<Term>{sub("a\xEF\xBF\xBD\x62")});
+  EXPECT_EQ(query.raw, "a\xFF\x62");
+}
+
+TEST(QueryParserTest, HostileTextsStillGiveAQuery) {
+  const std::string bangs(100000, '!');
+  const std::string brackets = std::string(50000, '(') + std::string(50000, '[');
+  const std::string manyPipes = [] {
+    std::string text;
+    for (int i = 0; i < 20000; ++i) text += "ext: | ";
+    return text;
+  }();
+  expectParses({
+      {bangs, {sub(bangs)}},
+      {brackets, {sub(brackets)}},
+      {"\"" + brackets, {sub(brackets)}},
+      {std::string("a\0b", 3), {sub(std::string("a\0b", 3))}},
+  });
+  Query query = QueryParser::parse(manyPipes);
+  EXPECT_EQ(query.orGroups.size(), 20000u);
+  EXPECT_EQ(query, QueryParser::parse(manyPipes));
 }
 
 TEST(QueryParserTest, SplitTopLevelOr) {

@@ -25,7 +25,8 @@ TEST(QueryTest, RequirementsLookThroughAnyDepthOfNot) {
   };
   const Case cases[] = {
       {Term::not_(Term::not_(Term::size(SizeComparison::greaterThan(5)))), true, false},
-      {Term::not_(Term::not_(Term::not_(Term::dateModified(DateConstraint::today())))), true, false},
+      {Term::not_(Term::not_(Term::not_(Term::dateModified(DateConstraint::today())))), true,
+       false},
       {Term::not_(Term::contains("x")), false, true},
       {Term::not_(Term::type(TypeConstraint::folder)), false, false},
       {Term::pathContains("size"), false, false},
@@ -45,7 +46,8 @@ TEST(QueryTest, SplittingContentTermsKeepsOrderAndNegatedContains) {
                            Term::contains("two")},
               .raw = " raw "};
   Query::ContentSplit split = query.splittingContentTerms();
-  EXPECT_EQ(split.name, (Query{.andTerms = {sub("a"), Term::not_(Term::contains("x"))}, .raw = " raw "}));
+  EXPECT_EQ(split.name,
+            (Query{.andTerms = {sub("a"), Term::not_(Term::contains("x"))}, .raw = " raw "}));
   EXPECT_EQ(split.contentNeedles, (std::vector<std::string>{"one", "two"}));
 
   Query groups{.orGroups = {{Term::contains("a")}, {sub("b"), Term::contains("c")}, {sub("d")}}};
@@ -87,7 +89,9 @@ TEST(QueryTest, EqualityIsStructuralWithStringsComparedAsText) {
           << distinct[i].description() << " vs " << distinct[j].description();
     }
   }
-  EXPECT_EQ(Term::dateModified(DateConstraint::today()), Term::dateModified(DateConstraint::today()));
+  EXPECT_EQ(Term::dateModified(DateConstraint::today()),
+            Term::dateModified(DateConstraint::today()));
+  EXPECT_EQ(DateConstraint(), DateConstraint::withinDays(0));
   // Lists compare in order.
   EXPECT_NE((Query{.andTerms = {sub("a"), sub("b")}}), (Query{.andTerms = {sub("b"), sub("a")}}));
   EXPECT_NE((Query{.andTerms = {sub("a")}}), (Query{.orGroups = {{sub("a")}}}));

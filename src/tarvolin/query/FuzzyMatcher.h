@@ -32,7 +32,9 @@ constexpr bool isEligible(std::string_view needle) {
 }
 
 /// The lowest score the matcher admits for a needle of `needleLength` bytes: 4 per byte.
-constexpr int64_t minimumScore(size_t needleLength) { return 4 * static_cast<int64_t>(needleLength); }
+constexpr int64_t minimumScore(size_t needleLength) {
+  return 4 * static_cast<int64_t>(needleLength);
+}
 
 /// Greedy subsequence match of `needle` (lower-cased bytes) in `haystack` (raw name bytes,
 /// compared with "A"-"Z" folded to "a"-"z"): each needle byte takes its earliest position after

@@ -186,7 +186,9 @@ std::string Term::description() const {
     }
     case Kind::type: {
       TypeConstraint kind = term->typeConstraint();
-      out += kind == TypeConstraint::file ? "file" : kind == TypeConstraint::folder ? "folder" : "app";
+      out += kind == TypeConstraint::file     ? "file"
+             : kind == TypeConstraint::folder ? "folder"
+                                              : "app";
       break;
     }
     default:

@@ -60,6 +60,8 @@ class DateConstraint {
   /// The alternatives in their fixed order; index() is the case number.
   using Value = std::variant<WithinDays, Month, Today>;
 
+  /// withinDays(0), so the type can sit in containers and compiled forms.
+  DateConstraint() : value_(WithinDays{0}) {}
   static DateConstraint withinDays(int64_t days) { return DateConstraint(WithinDays{days}); }
   static DateConstraint month(int64_t year, int64_t month) {
     return DateConstraint(Month{year, month});

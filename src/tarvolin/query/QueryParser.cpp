@@ -1,5 +1,6 @@
 #include "tarvolin/query/QueryParser.h"
 
+#include <algorithm>
 #include <array>
 #include <limits>
 
@@ -129,6 +130,10 @@ std::string_view trimmingWhitespace(std::string_view text) {
 
 std::vector<std::string> tokenize(std::string_view text) {
   std::vector<std::string> tokens;
+  // A blank ends at most one token, a pipe at most two (itself and the one before it).
+  auto separators = static_cast<size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return c == ' ' || c == '|'; }));
+  tokens.reserve(2 * separators + 1);
   std::string current;
   bool inQuote = false;
   bool inRegex = false;
@@ -202,19 +207,32 @@ std::pair<size_t, std::string_view> strippingNegations(std::string_view token) {
   return {count, token};
 }
 
-std::vector<Term> parseTerms(std::string_view token) {
+void appendTerms(std::string_view token, std::vector<Term>& terms) {
   if (startsWithCharacter(token, '!')) {
     auto [count, body] = strippingNegations(token);
-    if (auto terms = typeOperatorWithValue(body)) {
-      if (count % 2 == 0) return std::move(*terms);
-      if (terms->size() == 1) return {Term::not_(std::move(terms->front()))};
-      // "!folder:src" cannot negate both halves sensibly: search the text as typed.
-      return {Term::substring(std::string(token))};
+    if (auto typed = typeOperatorWithValue(body)) {
+      if (count % 2 == 0) {
+        for (Term& term : *typed) terms.push_back(std::move(term));
+      } else if (typed->size() == 1) {
+        terms.push_back(Term::not_(std::move(typed->front())));
+      } else {
+        // "!folder:src" cannot negate both halves sensibly: search the text as typed.
+        terms.push_back(Term::substring(std::string(token)));
+      }
+      return;
     }
   }
-  if (auto terms = typeOperatorWithValue(token)) return std::move(*terms);
-  if (auto term = parseToken(token)) return {std::move(*term)};
-  return {};
+  if (auto typed = typeOperatorWithValue(token)) {
+    for (Term& term : *typed) terms.push_back(std::move(term));
+  } else if (auto term = parseToken(token)) {
+    terms.push_back(std::move(*term));
+  }
+}
+
+std::vector<Term> parseTerms(std::string_view token) {
+  std::vector<Term> terms;
+  appendTerms(token, terms);
+  return terms;
 }
 
 std::optional<std::vector<Term>> typeOperatorWithValue(std::string_view token) {
@@ -223,7 +241,9 @@ std::optional<std::vector<Term>> typeOperatorWithValue(std::string_view token) {
   auto kind = typeForKey(platform::lowercase(parts->first));
   if (!kind) return std::nullopt;
   std::string_view value = parts->second;
-  std::vector<Term> terms = {Term::type(*kind)};
+  std::vector<Term> terms;
+  terms.reserve(2);
+  terms.push_back(Term::type(*kind));
   if (!value.empty()) {
     std::optional<Term> valueTerm = parseToken(value);
     terms.push_back(valueTerm ? std::move(*valueTerm) : Term::substring(std::string(value)));
@@ -410,14 +430,11 @@ Query parse(std::string_view text) {
   if (trimmed.empty()) return query;
 
   std::vector<std::string> tokens = detail::joinDanglingOperators(detail::tokenize(trimmed));
-  std::vector<std::vector<std::string>> groups = detail::splitOnPipes(tokens);
-  if (groups.size() >= 2) {
+  if (std::find(tokens.begin(), tokens.end(), "|") != tokens.end()) {
     std::vector<std::vector<Term>> termGroups;
-    for (const auto& group : groups) {
+    for (const auto& group : detail::splitOnPipes(tokens)) {
       std::vector<Term> terms;
-      for (const std::string& token : group) {
-        for (Term& term : detail::parseTerms(token)) terms.push_back(std::move(term));
-      }
+      for (const std::string& token : group) detail::appendTerms(token, terms);
       if (!terms.empty()) termGroups.push_back(std::move(terms));
     }
     if (termGroups.size() > 1) {
@@ -426,9 +443,8 @@ Query parse(std::string_view text) {
     }
   }
   // One alternative: a stray "|" is searched for as text.
-  for (const std::string& token : tokens) {
-    for (Term& term : detail::parseTerms(token)) query.andTerms.push_back(std::move(term));
-  }
+  query.andTerms.reserve(tokens.size());
+  for (const std::string& token : tokens) detail::appendTerms(token, query.andTerms);
   return query;
 }
 
@@ -439,7 +455,8 @@ std::vector<std::string> splitTopLevelOr(std::string_view text) {
     text = repaired;
   }
   std::vector<std::string> alternatives;
-  for (const auto& group : detail::splitOnPipes(detail::tokenize(detail::trimmingWhitespace(text)))) {
+  for (const auto& group :
+       detail::splitOnPipes(detail::tokenize(detail::trimmingWhitespace(text)))) {
     std::string joined;
     for (const std::string& token : group) {
       if (!joined.empty()) joined += ' ';
@@ -451,8 +468,8 @@ std::vector<std::string> splitTopLevelOr(std::string_view text) {
 }
 
 const std::set<std::string, std::less<>>& operatorKeys() {
-  static const std::set<std::string, std::less<>> keys = {
-      "ext", "path", "contains", "in", "folder", "app", "file", "size", "dm"};
+  static const std::set<std::string, std::less<>> keys = {"ext", "path", "contains", "in", "folder",
+                                                          "app", "file", "size",     "dm"};
   return keys;
 }
 

@@ -1,5 +1,6 @@
 #include "tarvolin/query/RegexLiteral.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "tarvolin/query/detail/Characters.h"
@@ -35,6 +36,14 @@ size_t skipQuoted(Characters c, size_t i) {
     if (is(c, i, '\\') && is(c, i + 1, 'E')) return i + 2;
   }
   return c.size();
+}
+
+// Index just past the escape sequence whose "\" is at `i`: "\c" takes one more character
+// (any character, "]" and "|" included), "\Q" runs to its "\E", others take one.
+size_t escapeEnd(Characters c, size_t i) {
+  if (is(c, i + 1, 'Q')) return skipQuoted(c, i + 2);
+  if (is(c, i + 1, 'c')) return std::min(i + 3, c.size());
+  return i + 2;
 }
 
 // Index just past the first `close` at or after `i`, or npos.
@@ -82,7 +91,7 @@ size_t skipClass(Characters c, size_t i) {
   if (is(c, j, ']')) ++j;
   while (j < c.size()) {
     if (is(c, j, '\\')) {
-      j = is(c, j + 1, 'Q') ? skipQuoted(c, j + 2) : j + 2;
+      j = escapeEnd(c, j);
     } else if (is(c, j, '[') && (is(c, j + 1, ':') || is(c, j + 1, '.') || is(c, j + 1, '='))) {
       size_t end = posixClassEnd(c, j + 1);
       j = end == npos ? j + 1 : end;
@@ -107,7 +116,7 @@ size_t skipGroup(Characters c, size_t i) {
   size_t j = i + 1;
   while (j < c.size()) {
     if (is(c, j, '\\')) {
-      j = is(c, j + 1, 'Q') ? skipQuoted(c, j + 2) : j + 2;
+      j = escapeEnd(c, j);
     } else if (is(c, j, '[')) {
       j = skipClass(c, j);
       if (j == npos) return npos;
@@ -236,7 +245,7 @@ bool containsAlternation(Characters c) {
   size_t i = 0;
   while (i < c.size()) {
     if (is(c, i, '\\')) {
-      i = is(c, i + 1, 'Q') ? skipQuoted(c, i + 2) : i + 2;
+      i = escapeEnd(c, i);
     } else if (is(c, i, '[')) {
       i = skipClass(c, i);
       // An unclosed class does not compile: no alternation to worry about.

@@ -33,6 +33,8 @@ std::pair<size_t, std::string_view> strippingNegations(std::string_view token);
 /// The terms of one token: negated type operators with values first, then the type operators,
 /// then parseToken. Empty when the token means nothing (an empty quoted phrase).
 std::vector<Term> parseTerms(std::string_view token);
+/// parseTerms appending to `terms`, which saves a list per token.
+void appendTerms(std::string_view token, std::vector<Term>& terms);
 
 /// "folder:", "app:" or "file:" (any case) with an optional value: the type term, followed by
 /// the value's term when there is a value. Nothing for other tokens.
