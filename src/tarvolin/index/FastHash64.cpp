@@ -82,6 +82,8 @@ Rolling::Rolling() {
 }
 
 void Rolling::update(std::span<const uint8_t> bytes) {
+  // An empty span may carry a null pointer, which memcpy must not see even for zero bytes.
+  if (bytes.empty()) return;
   const uint8_t* p = bytes.data();
   size_t n = bytes.size();
   total_ += n;
