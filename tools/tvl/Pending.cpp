@@ -13,7 +13,6 @@ int notYet(const char* command) {
 }
 }  // namespace
 
-int runScan(const Context&) { return notYet("scan"); }
 int runSearch(const Context& context) {
   openIndexOrExit(context);
   return notYet("search");
