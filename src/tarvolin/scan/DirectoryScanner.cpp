@@ -31,10 +31,10 @@ constexpr uint32_t kNoRecord = FileRecord::rootParentID;
 constexpr uint64_t kRecordLimit = 0xFFFFFFFFull - (uint64_t{1} << 26);
 constexpr uint64_t kBlobLimit = 0xFFFFFFFFull - (uint64_t{1} << 30);
 
-// Merged bytes between two returns of freed job memory to the system: a sixteenth of the
-// whole, within these bounds. Each return costs a walk over the heap's free blocks.
+// Merged bytes between two returns of freed job memory to the system: an eighth of the whole,
+// within these bounds. Each return costs a walk over the heap's free blocks.
 constexpr uint64_t kReleaseAtLeastEvery = uint64_t{1} << 20;
-constexpr uint64_t kReleaseAtMostEvery = uint64_t{4} << 20;
+constexpr uint64_t kReleaseAtMostEvery = uint64_t{8} << 20;
 
 // Directories still to be listed. Their paths are packed back to back in one byte string, so a
 // pending directory costs no allocation of its own; used as a stack by jobs (the last path is
@@ -231,10 +231,12 @@ IndexBuilder mergeJobs(IndexBuilder seeded, std::vector<JobResult>& jobs, const 
     blobBytes += job.builder->nameBlob().size();
   }
   uint64_t totalBytes = records * sizeof(FileRecord) + blobBytes;
-  uint64_t releaseEvery = std::clamp(totalBytes / 16, kReleaseAtLeastEvery, kReleaseAtMostEvery);
+  uint64_t releaseEvery = std::clamp(totalBytes / 8, kReleaseAtLeastEvery, kReleaseAtMostEvery);
   // The jobs' working builders are gone; their pages are free but still held.
   platform::releaseFreeMemory();
   IndexBuilder merged(static_cast<int64_t>(records), static_cast<int64_t>(blobBytes));
+  platform::adviseFillingSoon(merged.records().data(), records * sizeof(FileRecord));
+  platform::adviseFillingSoon(merged.nameBlob().data(), blobBytes);
   merged.merge(seeded, FileRecord::rootParentID);
   seeded = IndexBuilder();
   uint64_t sinceRelease = 0;
