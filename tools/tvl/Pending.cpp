@@ -1,5 +1,4 @@
-// Commands whose engine parts are still being built. Each opens what it will need, so the
-// index-opening messages and statuses already hold, then says it is not available yet.
+// Commands whose engine parts are still being built: they say so on standard error.
 
 #include "Commands.h"
 #include "Output.h"
@@ -13,7 +12,6 @@ int notYet(const char* command) {
 }
 }  // namespace
 
-int runScan(const Context&) { return notYet("scan"); }
 int runContent(const Context&) { return notYet("content"); }
 int runFind(const Context&) { return notYet("find"); }
 

@@ -1,0 +1,25 @@
+#include "tarvolin/platform/Memory.h"
+
+#include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+
+namespace tarvolin::platform {
+
+void releaseFreeMemory() { ::malloc_trim(0); }
+
+void adviseFillingSoon(const void* data, size_t bytes) {
+  // Worth it only for ranges that can hold a huge page.
+  constexpr uintptr_t kHugePage = uintptr_t{2} << 20;
+  if (bytes < kHugePage) return;
+  auto page = static_cast<uintptr_t>(::sysconf(_SC_PAGESIZE));
+  auto begin = reinterpret_cast<uintptr_t>(data);
+  uintptr_t first = (begin + page - 1) & ~(page - 1);
+  uintptr_t last = (begin + bytes) & ~(page - 1);
+  if (last <= first) return;
+  ::madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+}
+
+}  // namespace tarvolin::platform

@@ -1,0 +1,346 @@
+#include "tarvolin/scan/DirectoryScanner.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <limits>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "tarvolin/platform/Clock.h"
+#include "tarvolin/platform/Concurrency.h"
+#include "tarvolin/platform/DirectoryReader.h"
+#include "tarvolin/platform/Memory.h"
+#include "tarvolin/scan/detail/DescentFilter.h"
+#include "tarvolin/scan/detail/ScanTally.h"
+
+namespace tarvolin {
+
+namespace {
+
+using platform::DirectoryEntry;
+using platform::DirectoryReader;
+using platform::EntryType;
+
+constexpr uint32_t kNoRecord = FileRecord::rootParentID;
+
+// Room kept below the 32-bit limits of record IDs and name offsets. Totals are checked before
+// each directory is listed, so this must cover what the directories being listed at that moment
+// can add: far more than any real directory holds.
+constexpr uint64_t kRecordLimit = 0xFFFFFFFFull - (uint64_t{1} << 26);
+constexpr uint64_t kBlobLimit = 0xFFFFFFFFull - (uint64_t{1} << 30);
+
+// Merged bytes between two returns of freed job memory to the system: an eighth of the whole,
+// within these bounds. Each return costs a walk over the heap's free blocks.
+constexpr uint64_t kReleaseAtLeastEvery = uint64_t{1} << 20;
+constexpr uint64_t kReleaseAtMostEvery = uint64_t{8} << 20;
+
+// Directories still to be listed. Their paths are packed back to back in one byte string, so a
+// pending directory costs no allocation of its own; used as a stack by jobs (the last path is
+// always at the end of `bytes`) and as a queue level by seeding.
+struct DirList {
+  struct Ref {
+    size_t offset;
+    size_t length;
+    uint32_t recordID;  // its record in the builder receiving its children, or kNoRecord
+  };
+  std::string bytes;
+  std::vector<Ref> refs;
+
+  bool empty() const { return refs.empty(); }
+  size_t size() const { return refs.size(); }
+  std::string_view path(size_t i) const { return {bytes.data() + refs[i].offset, refs[i].length}; }
+  void push(std::string_view path, uint32_t recordID) {
+    refs.push_back({bytes.size(), path.size(), recordID});
+    bytes.append(path);
+  }
+  void clear() {
+    bytes.clear();
+    refs.clear();
+  }
+};
+
+struct EnumOutcome {
+  bool opened = false;
+  int errorNumber = 0;
+  int64_t entries = 0;
+};
+
+// Lists `path` ("" is "/") into `builder` below `recordID` and appends the subdirectories to
+// enter to `children`, in listing order. Nothing per entry beyond copying its name, except for
+// subdirectories: their path is formed (with the whole name) for the descent test.
+EnumOutcome enumerate(DirectoryReader& reader, const std::string& path, uint32_t recordID,
+                      IndexBuilder& builder, uint8_t volumeIndex,
+                      const detail::DescentFilter& filter, DirList& children) {
+  int error = reader.open(path.c_str());
+  if (error != 0) return {false, error, 0};
+  int64_t count = 0;
+  // A read error part way keeps what was listed; the directory counts as opened.
+  reader.forEach([&](const DirectoryEntry& entry) {
+    std::string_view name = entry.name;
+    RecordFlags flags;
+    if (entry.type == EntryType::directory) flags.insert(RecordFlags::isDirectory);
+    if (entry.type == EntryType::symlink) flags.insert(RecordFlags::isSymlink);
+    if (name[0] == '.') flags.insert(RecordFlags::isHidden);
+    if (ScanPolicy::isAppBundle(name)) flags.insert(RecordFlags::isApp);
+    uint32_t id = builder.addEntry(name, recordID, flags, volumeIndex);
+    ++count;
+    if (entry.type != EntryType::directory) return;
+    size_t offset = children.bytes.size();
+    children.bytes.append(path).append(1, '/').append(name);
+    std::string_view childPath(children.bytes.data() + offset, children.bytes.size() - offset);
+    if (filter.shouldDescend(childPath, name)) {
+      children.refs.push_back({offset, childPath.size(), id});
+    } else {
+      children.bytes.resize(offset);
+    }
+  });
+  reader.close();
+  return {true, 0, count};
+}
+
+// Throttled progress shared by all threads of one scan.
+class ProgressReporter {
+ public:
+  ProgressReporter(double minInterval, const DirectoryScanner::ProgressCallback& onProgress)
+      : minInterval_(minInterval), onProgress_(onProgress) {}
+
+  void report(int64_t entries) {
+    int64_t count;
+    {
+      std::lock_guard guard(lock_);
+      count_ += entries;
+      double now = platform::monotonicSeconds();
+      if (now - lastFired_ < minInterval_) return;
+      lastFired_ = now;
+      count = count_;
+    }
+    onProgress_(count);
+  }
+
+ private:
+  std::mutex lock_;
+  int64_t count_ = 0;
+  double lastFired_ = -std::numeric_limits<double>::infinity();
+  double minInterval_;
+  const DirectoryScanner::ProgressCallback& onProgress_;
+};
+
+// Everything the threads of one scan share.
+struct ScanContext {
+  const detail::DescentFilter& filter;
+  const DirectoryScanner::ContinueCallback& shouldContinue;
+  ProgressReporter* reporter;  // null without a progress callback
+  std::string_view home;
+  uint8_t volumeIndex;
+  // Records and name bytes made so far by all threads, checked against the 32-bit limits.
+  std::atomic<uint64_t> totalRecords{0};
+  std::atomic<uint64_t> totalBlobBytes{0};
+  std::atomic<bool> overLimit{false};
+
+  bool roomLeft() {
+    if (totalRecords.load(std::memory_order_relaxed) <= kRecordLimit &&
+        totalBlobBytes.load(std::memory_order_relaxed) <= kBlobLimit) {
+      return true;
+    }
+    overLimit.store(true, std::memory_order_relaxed);
+    return false;
+  }
+
+  // Lists one directory into `builder` and accounts for it in `tally`.
+  void list(DirectoryReader& reader, const std::string& path, uint32_t recordID,
+            IndexBuilder& builder, DirList& children, detail::ScanTally& tally) {
+    uint64_t records = builder.recordCount();
+    uint64_t blob = builder.nameBlob().size();
+    EnumOutcome outcome =
+        enumerate(reader, path, recordID, builder, volumeIndex, filter, children);
+    totalRecords.fetch_add(builder.recordCount() - records, std::memory_order_relaxed);
+    totalBlobBytes.fetch_add(builder.nameBlob().size() - blob, std::memory_order_relaxed);
+    tally.account(outcome.opened, outcome.errorNumber, outcome.entries, path, home);
+    if (reporter != nullptr && outcome.entries > 0) reporter->report(outcome.entries);
+  }
+};
+
+// The per-thread working set of jobs, reused from job to job so that the listing buffer and the
+// stack are allocated once per thread, not once per job.
+struct JobScratch {
+  DirectoryReader reader;
+  DirList stack;
+  std::string current;
+};
+
+class ScratchPool {
+ public:
+  std::unique_ptr<JobScratch> acquire() {
+    std::lock_guard guard(lock_);
+    if (free_.empty()) return std::make_unique<JobScratch>();
+    std::unique_ptr<JobScratch> scratch = std::move(free_.back());
+    free_.pop_back();
+    return scratch;
+  }
+  void release(std::unique_ptr<JobScratch> scratch) {
+    std::lock_guard guard(lock_);
+    free_.push_back(std::move(scratch));
+  }
+
+ private:
+  std::mutex lock_;
+  std::vector<std::unique_ptr<JobScratch>> free_;
+};
+
+struct JobResult {
+  std::optional<IndexBuilder> builder;  // none when the job recorded nothing
+  detail::ScanTally tally;
+};
+
+// One job: the subtree below frontier directory `path`, depth-first, into a builder of its own
+// whose top records are the frontier directory's entries.
+JobResult runJob(ScanContext& context, std::string_view path, JobScratch& scratch) {
+  JobResult result;
+  IndexBuilder builder(4096, 65536);
+  DirList& stack = scratch.stack;
+  stack.clear();
+  stack.push(path, kNoRecord);
+  while (!stack.empty()) {
+    DirList::Ref ref = stack.refs.back();
+    scratch.current.assign(stack.bytes, ref.offset, ref.length);
+    stack.bytes.resize(ref.offset);
+    stack.refs.pop_back();
+    if (!context.shouldContinue() || !context.roomLeft()) break;
+    context.list(scratch.reader, scratch.current, ref.recordID, builder, stack, result.tally);
+  }
+  if (builder.recordCount() > 0) {
+    // Keep an exactly sized copy: thousands of jobs wait for the merge, and the working
+    // builder's spare capacity would wait with them.
+    result.builder.emplace(builder.recordCount(), builder.nameBlob().size());
+    result.builder->merge(builder, FileRecord::rootParentID);
+  }
+  return result;
+}
+
+// Appends the job builders to the seeding records in frontier order, into a builder reserved
+// for the exact total, so nothing is copied twice and freed job memory is given back as the
+// merge goes.
+IndexBuilder mergeJobs(IndexBuilder seeded, std::vector<JobResult>& jobs, const DirList& frontier) {
+  uint64_t records = seeded.recordCount();
+  uint64_t blobBytes = seeded.nameBlob().size();
+  for (const JobResult& job : jobs) {
+    if (!job.builder) continue;
+    records += job.builder->recordCount();
+    blobBytes += job.builder->nameBlob().size();
+  }
+  uint64_t totalBytes = records * sizeof(FileRecord) + blobBytes;
+  uint64_t releaseEvery = std::clamp(totalBytes / 8, kReleaseAtLeastEvery, kReleaseAtMostEvery);
+  // The jobs' working builders are gone; their pages are free but still held.
+  platform::releaseFreeMemory();
+  IndexBuilder merged(static_cast<int64_t>(records), static_cast<int64_t>(blobBytes));
+  platform::adviseFillingSoon(merged.records().data(), records * sizeof(FileRecord));
+  platform::adviseFillingSoon(merged.nameBlob().data(), blobBytes);
+  merged.merge(seeded, FileRecord::rootParentID);
+  seeded = IndexBuilder();
+  uint64_t sinceRelease = 0;
+  for (size_t i = 0; i < jobs.size(); ++i) {
+    if (!jobs[i].builder) continue;
+    const IndexBuilder& job = *jobs[i].builder;
+    merged.merge(job, frontier.refs[i].recordID);
+    sinceRelease += job.recordCount() * sizeof(FileRecord) + job.nameBlob().size();
+    jobs[i].builder.reset();
+    if (sinceRelease >= releaseEvery) {
+      platform::releaseFreeMemory();
+      sinceRelease = 0;
+    }
+  }
+  if (sinceRelease > 0) platform::releaseFreeMemory();
+  return merged;
+}
+
+}  // namespace
+
+DirectoryScanner::DirectoryScanner(ScanPolicy policy, int64_t seedDepth, double progressInterval,
+                                   std::string home)
+    : policy_(std::move(policy)),
+      seedDepth_(seedDepth < 0 ? 0 : seedDepth),
+      progressInterval_(std::isnan(progressInterval) || progressInterval < 0 ? 0
+                                                                             : progressInterval),
+      homeDirectory_(std::move(home)) {}
+
+ScanResult DirectoryScanner::scan(std::string_view root, uint8_t volumeIndex) const {
+  return scan(root, volumeIndex, nullptr, [] { return true; });
+}
+
+ScanResult DirectoryScanner::scan(std::string_view root, uint8_t volumeIndex,
+                                  const ProgressCallback& onProgress,
+                                  const ContinueCallback& shouldContinue) const {
+  double start = platform::monotonicSeconds();
+  ScanResult result{IndexBuilder(65536, 1 << 20)};
+  std::optional<ProgressReporter> reporter;
+  if (onProgress) reporter.emplace(progressInterval_, onProgress);
+
+  while (!root.empty() && root.back() == '/') root.remove_suffix(1);
+
+  // The root chain: "/" and one folder per component of the root.
+  IndexBuilder& builder = result.builder;
+  uint32_t rootID =
+      builder.addEntry(std::string_view(), kNoRecord, RecordFlags::isDirectory, volumeIndex);
+  for (size_t at = 0; at < root.size();) {
+    size_t slash = root.find('/', at);
+    if (slash == std::string_view::npos) slash = root.size();
+    if (slash > at) {
+      rootID = builder.addEntry(root.substr(at, slash - at), rootID, RecordFlags::isDirectory,
+                                volumeIndex);
+    }
+    at = slash + 1;
+  }
+
+  detail::DescentFilter filter(policy_, root);
+  ScanContext context{filter, shouldContinue, reporter ? &*reporter : nullptr, homeDirectory_,
+                      volumeIndex};
+  context.totalRecords = builder.recordCount();
+  context.totalBlobBytes = builder.nameBlob().size();
+  detail::ScanTally tally;
+
+  // Seeding, breadth-first on this thread.
+  DirList frontier;
+  frontier.push(root, rootID);
+  bool cancelled = false;
+  {
+    DirectoryReader reader;
+    std::string current;
+    for (int64_t level = 0; level < seedDepth_ && !frontier.empty() && !cancelled; ++level) {
+      DirList next;
+      for (size_t i = 0; i < frontier.size(); ++i) {
+        if (!shouldContinue() || !context.roomLeft()) {
+          cancelled = true;
+          break;
+        }
+        current.assign(frontier.path(i));
+        context.list(reader, current, frontier.refs[i].recordID, builder, next, tally);
+      }
+      frontier = cancelled ? DirList() : std::move(next);
+    }
+  }
+
+  // One job per frontier directory.
+  if (!frontier.empty()) {
+    std::vector<JobResult> jobs(frontier.size());
+    ScratchPool pool;
+    platform::concurrentPerform(frontier.size(), [&](size_t i) {
+      std::unique_ptr<JobScratch> scratch = pool.acquire();
+      jobs[i] = runJob(context, frontier.path(i), *scratch);
+      pool.release(std::move(scratch));
+    });
+    for (const JobResult& job : jobs) tally.add(job.tally);
+    result.builder = mergeJobs(std::move(result.builder), jobs, frontier);
+  }
+
+  result.entriesScanned = tally.entries;
+  result.directoriesDenied = tally.denied;
+  result.directoriesDeniedInHome = tally.deniedInHome;
+  result.deniedPathsInHome = std::move(tally.sample);
+  result.duration = platform::monotonicSeconds() - start;
+  result.cancelled = cancelled || context.overLimit.load() || !shouldContinue();
+  return result;
+}
+
+}  // namespace tarvolin
