@@ -12,6 +12,7 @@
 #include "support/IndexFixture.h"
 #include "support/TempTree.h"
 #include "tarvolin/index/IndexWriter.h"
+#include "tarvolin/query/FuzzyMatcher.h"
 #include "tarvolin/query/QueryParser.h"
 #include "tarvolin/query/detail/NameScan.h"
 
@@ -169,6 +170,24 @@ TEST_F(LargeIndexTest, FuzzyFallbackAddsAtMostFiftyNewHits) {
   std::set<uint32_t> seen;
   for (const Match& m : all) EXPECT_TRUE(seen.insert(m.id).second) << "repeated " << m.id;
   for (size_t i = exact.size(); i < all.size(); ++i) EXPECT_EQ(all[i].quality, MatchQuality::fuzzy);
+
+  // The prefiltered scan scores the same names as scoring every name would.
+  std::vector<std::pair<int64_t, uint32_t>> reference;
+  for (uint32_t id = 0; id < store_->count(); ++id) {
+    auto isExact = [&](const Match& m) { return m.id == id; };
+    if (std::find_if(exact.begin(), exact.end(), isExact) != exact.end()) continue;
+    if ((*store_)[id].flags.contains(RecordFlags::deleted)) continue;
+    auto result = FuzzyMatcher::match("rprt", store_->nameBytes(id));
+    if (result && result->score >= FuzzyMatcher::minimumScore(4)) reference.emplace_back(result->score, id);
+  }
+  std::stable_sort(reference.begin(), reference.end(),
+                   [](const auto& a, const auto& b) { return a.first > b.first; });
+  reference.resize(std::min<size_t>(reference.size(), Matcher::maxFuzzyResults));
+  std::vector<uint32_t> expected;
+  for (const auto& [score, id] : reference) expected.push_back(id);
+  std::vector<uint32_t> got;
+  for (size_t i = exact.size(); i < all.size(); ++i) got.push_back(all[i].id);
+  EXPECT_EQ(got, expected);
 }
 
 // Small indexes: the general evaluation only.

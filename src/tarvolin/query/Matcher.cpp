@@ -1,6 +1,7 @@
 #include "tarvolin/query/Matcher.h"
 
 #include <algorithm>
+#include <array>
 
 #include "tarvolin/platform/Concurrency.h"
 #include "tarvolin/platform/Unicode.h"
@@ -20,26 +21,28 @@ size_t shardCount(size_t n) {
   return std::max<size_t>(1, std::min<size_t>(n / Matcher::shardUnit, platform::activeProcessorCount()));
 }
 
-// Runs body(begin, end, out) over [0, n) in shards and joins the results in shard order.
+// Runs body(begin, end, out) over [0, n) in shards and joins the results in shard order. Every
+// shard's list is reserved for its whole range up front (the first for all of [0, n), since the
+// others are appended to it): a reservation is only address space until it is written, so this
+// costs nothing, while growing a list by doubling copies it and touches fresh pages each time.
 template <typename Body>
 std::vector<Match> sharded(size_t n, Body&& body) {
   size_t shards = shardCount(n);
+  std::vector<std::vector<Match>> slots(shards);
+  slots[0].reserve(n);
   if (shards <= 1) {
-    std::vector<Match> out;
-    body(size_t{0}, n, out);
-    return out;
+    body(size_t{0}, n, slots[0]);
+    return std::move(slots[0]);
   }
   size_t chunk = (n + shards - 1) / shards;
-  std::vector<std::vector<Match>> slots(shards);
   platform::concurrentPerform(shards, [&](size_t s) {
     size_t begin = std::min(n, s * chunk);
-    body(begin, std::min(n, begin + chunk), slots[s]);
+    size_t end = std::min(n, begin + chunk);
+    if (s > 0) slots[s].reserve(end - begin);
+    body(begin, end, slots[s]);
   });
-  size_t total = 0;
-  for (const auto& slot : slots) total += slot.size();
-  std::vector<Match> joined;
-  joined.reserve(total);
-  for (const auto& slot : slots) joined.insert(joined.end(), slot.begin(), slot.end());
+  std::vector<Match> joined = std::move(slots[0]);
+  for (size_t s = 1; s < shards; ++s) joined.insert(joined.end(), slots[s].begin(), slots[s].end());
   return joined;
 }
 
@@ -112,7 +115,6 @@ std::vector<Match> Matcher::evaluate(const Query& query,
   const IndexStore& store = *store_;
   size_t n = ids ? ids->size() : store.count();
   auto body = [&](size_t begin, size_t end, std::vector<Match>& out) {
-    out.reserve(std::min<size_t>(end - begin, 65536));
     for (size_t i = begin; i < end; ++i) {
       uint32_t id = ids ? (*ids)[i] : static_cast<uint32_t>(i);
       if (id >= store.count() || store[id].flags.contains(RecordFlags::deleted)) continue;
@@ -123,6 +125,7 @@ std::vector<Match> Matcher::evaluate(const Query& query,
   };
   if (!parallel) {
     std::vector<Match> out;
+    out.reserve(n);
     body(0, n, out);
     return out;
   }
@@ -167,6 +170,7 @@ std::vector<Match> Matcher::blockScan(const std::vector<uint32_t>& blocks,
   size_t workers = std::min<size_t>(total / shardUnit, platform::activeProcessorCount());
   std::vector<std::vector<Match>> slots(ranges.size());
   auto scanOne = [&](size_t r) {
+    slots[r].reserve(ranges[r].second - ranges[r].first);
     detail::scanRange(store, ranges[r].first, ranges[r].second, needle, kernel, slots[r]);
   };
   if (workers >= 2 && ranges.size() >= 2) {
@@ -280,6 +284,25 @@ std::vector<Match> Matcher::matchWithFuzzyFallback(
   return exact;
 }
 
+namespace {
+
+// Rough frequency of a lower-cased byte in file names, higher for more common. Only the order
+// matters: it picks the needle byte that the fewest names contain.
+int byteFrequency(uint8_t byte) {
+  static const std::array<uint8_t, 256> table = [] {
+    std::array<uint8_t, 256> t{};
+    t.fill(1);  // other punctuation and the bytes of non-ASCII characters are rare in names
+    const char* byFrequency = "e.aiotsrnlc_-mdup0h1g2b3f4y5w6v7k8x9jqz";
+    uint8_t weight = 100;
+    for (const char* c = byFrequency; *c != '\0'; ++c) t[static_cast<uint8_t>(*c)] = weight--;
+    t[' '] = 70;
+    return t;
+  }();
+  return table[byte];
+}
+
+}  // namespace
+
 std::vector<Match> Matcher::fuzzyScan(const std::string& needle,
                                       const std::vector<Match>& exclude) {
   const IndexStore& store = *store_;
@@ -290,26 +313,37 @@ std::vector<Match> Matcher::fuzzyScan(const std::string& needle,
   std::sort(excluded.begin(), excluded.end());
   const int64_t minimum = FuzzyMatcher::minimumScore(needle.size());
 
+  // A fuzzy hit holds every needle byte (ASCII-folded), so only names holding the rarest one are
+  // worth scoring; the vectorised scan finds them at memory speed.
+  std::string rarest(1, needle[0]);
+  for (char c : needle) {
+    if (byteFrequency(static_cast<uint8_t>(c)) < byteFrequency(static_cast<uint8_t>(rarest[0]))) {
+      rarest[0] = c;
+    }
+  }
+  detail::ScanKernel kernel = detail::preferredKernel(store);
+
   struct Hit {
     uint32_t id;
     int64_t score;
-    int32_t offset;
+    int64_t offset;
   };
   size_t shards = shardCount(n);
   size_t chunk = (n + shards - 1) / std::max<size_t>(shards, 1);
   std::vector<std::vector<Hit>> slots(shards);
   platform::concurrentPerform(shards, [&](size_t s) {
     size_t begin = std::min<size_t>(n, s * chunk), end = std::min<size_t>(n, begin + chunk);
+    std::vector<Match> holding;
+    detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), rarest,
+                      kernel, holding);
     auto skip = std::lower_bound(excluded.begin(), excluded.end(), static_cast<uint32_t>(begin));
-    for (size_t i = begin; i < end; ++i) {
-      auto id = static_cast<uint32_t>(i);
+    for (const Match& candidate : holding) {
+      uint32_t id = candidate.id;
       while (skip != excluded.end() && *skip < id) ++skip;
       if (skip != excluded.end() && *skip == id) continue;
-      // Deleted records are gone for fuzzy hits too.
-      if (store[id].flags.contains(RecordFlags::deleted)) continue;
       auto result = FuzzyMatcher::match(needle, store.nameBytes(id));
       if (result && result->score >= minimum) {
-        slots[s].push_back(Hit{id, result->score, static_cast<int32_t>(result->firstMatch)});
+        slots[s].push_back(Hit{id, result->score, result->firstMatch});
       }
     }
   });

@@ -84,23 +84,23 @@ int32_t Ranker::score(const Match& match) {
   return base - depthPenalty * depth - offset - (demoted ? demotedPenalty : 0);
 }
 
-std::vector<RankedResult> Ranker::topK(const std::vector<Match>& matches, int64_t k) {
+std::vector<RankedResult> Ranker::topK(const std::vector<Match>& matches,
+                                       const std::vector<uint8_t>& buckets, uint8_t bucket,
+                                       int64_t k) {
   std::vector<RankedResult> kept;  // ascending by score
   if (k < 1) return kept;
-  size_t capacity = static_cast<size_t>(std::min<int64_t>(k, static_cast<int64_t>(matches.size())));
-  kept.reserve(capacity);
-  for (const Match& match : matches) {
-    int32_t s = score(match);
-    if (kept.size() < capacity) {
-      auto at = std::lower_bound(kept.begin(), kept.end(), s,
-                                 [](const RankedResult& r, int32_t v) { return r.score < v; });
-      kept.insert(at, RankedResult{match, s});
-    } else if (kept.front().score < s) {
+  auto capacity = static_cast<size_t>(std::min<int64_t>(k, static_cast<int64_t>(matches.size())));
+  kept.reserve(capacity + 1);
+  auto below = [](const RankedResult& r, int32_t v) { return r.score < v; };
+  for (size_t i = 0; i < matches.size(); ++i) {
+    if (buckets[i] != bucket) continue;
+    int32_t s = score(matches[i]);
+    if (kept.size() == capacity) {
+      // Full: a new match must beat the lowest kept score; an equal one never displaces it.
+      if (kept.front().score >= s) continue;
       kept.erase(kept.begin());
-      auto at = std::lower_bound(kept.begin(), kept.end(), s,
-                                 [](const RankedResult& r, int32_t v) { return r.score < v; });
-      kept.insert(at, RankedResult{match, s});
     }
+    kept.insert(std::lower_bound(kept.begin(), kept.end(), s, below), RankedResult{matches[i], s});
   }
   std::reverse(kept.begin(), kept.end());
   return kept;
@@ -108,21 +108,27 @@ std::vector<RankedResult> Ranker::topK(const std::vector<Match>& matches, int64_
 
 std::vector<RankedResult> Ranker::rank(const std::vector<Match>& matches, int64_t limit) {
   if (limit < 1 || matches.empty()) return {};
-  std::array<std::vector<Match>, 5> buckets;
-  for (const Match& match : matches) {
-    size_t bucket = static_cast<size_t>(match.quality);
+  // Bucket = quality, except that applications matched at a word boundary or better join the
+  // exact ones. Buckets are noted once; each is then reduced in a pass over the matches, so no
+  // match is ever copied.
+  std::vector<uint8_t> buckets(matches.size());
+  std::array<size_t, 5> sizes{};
+  for (size_t i = 0; i < matches.size(); ++i) {
+    const Match& match = matches[i];
+    auto bucket = static_cast<uint8_t>(match.quality);
     if (match.quality <= MatchQuality::wordBoundary &&
         (*store_)[match.id].flags.contains(RecordFlags::isApp)) {
       bucket = 0;
     }
-    buckets[bucket].push_back(match);
+    buckets[i] = bucket;
+    ++sizes[bucket];
   }
   std::vector<RankedResult> results;
   results.reserve(static_cast<size_t>(std::min<int64_t>(limit, static_cast<int64_t>(matches.size()))));
-  for (const auto& bucket : buckets) {
+  for (uint8_t bucket = 0; bucket < sizes.size(); ++bucket) {
     int64_t remaining = limit - static_cast<int64_t>(results.size());
-    if (remaining <= 0 || bucket.empty()) continue;
-    std::vector<RankedResult> best = topK(bucket, remaining);
+    if (remaining <= 0 || sizes[bucket] == 0) continue;
+    std::vector<RankedResult> best = topK(matches, buckets, bucket, remaining);
     results.insert(results.end(), best.begin(), best.end());
   }
   return results;

@@ -54,7 +54,9 @@ class Ranker {
     bool appThrough;
   };
 
-  std::vector<RankedResult> topK(const std::vector<Match>& matches, int64_t k);
+  /// The best `k` of the matches whose bucket (see rank) is `bucket`, best first.
+  std::vector<RankedResult> topK(const std::vector<Match>& matches,
+                                 const std::vector<uint8_t>& buckets, uint8_t bucket, int64_t k);
   AncestorInfo ancestorInfo(uint32_t id, uint32_t budget);
   static bool isDemotedName(std::string_view bytes);
 
