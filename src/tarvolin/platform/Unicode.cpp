@@ -197,32 +197,19 @@ std::string caseFold(std::string_view text) {
 }
 
 std::vector<std::string> graphemeClusters(std::string_view text) {
+  std::string valid = decodeUtf8Lossy(text);
   std::vector<std::string> clusters;
-  utf8proc_int32_t state = 0;
-  utf8proc_int32_t previous = -1;
-  size_t i = 0;
-  while (i < text.size()) {
-    char32_t cp = decodeCodePoint(text, i);
-    auto current = static_cast<utf8proc_int32_t>(cp);
-    if (previous < 0 || utf8proc_grapheme_break_stateful(previous, current, &state)) {
-      clusters.emplace_back();
-    }
-    appendCodePoint(clusters.back(), cp);
-    previous = current;
+  for (size_t at = 0; at < valid.size();) {
+    size_t end = graphemeClusterEnd(valid, at);
+    clusters.emplace_back(valid, at, end - at);
+    at = end;
   }
   return clusters;
 }
 
 size_t graphemeCount(std::string_view text) {
   size_t count = 0;
-  utf8proc_int32_t state = 0;
-  utf8proc_int32_t previous = -1;
-  size_t i = 0;
-  while (i < text.size()) {
-    auto current = static_cast<utf8proc_int32_t>(decodeCodePoint(text, i));
-    if (previous < 0 || utf8proc_grapheme_break_stateful(previous, current, &state)) ++count;
-    previous = current;
-  }
+  for (size_t at = 0; at < text.size(); at = graphemeClusterEnd(text, at)) ++count;
   return count;
 }
 
