@@ -76,6 +76,21 @@ TEST(DirectoryReaderTest, OpensPathsLongerThanPathMax) {
   testing::removeDeepChain(tree.root().string(), name, 30);
 }
 
+TEST(DirectoryReaderTest, OpenAtAKeptParentDoesNotFollowLinks) {
+  TempTree tree{"dir/inner", "link -> dir", "file"};
+  DirectoryReader reader;
+  ASSERT_EQ(reader.open(tree.root().c_str()), 0);
+  FileDescriptor parent = reader.detach();
+  EXPECT_FALSE(reader.isOpen());
+  EXPECT_EQ(reader.openAt(parent, "dir"), 0);
+  int count = 0;
+  reader.forEach([&](const DirectoryEntry& entry) { count += entry.name == "inner"; });
+  EXPECT_EQ(count, 1);
+  EXPECT_EQ(reader.openAt(parent, "link"), ENOTDIR) << "a link is not a directory";
+  EXPECT_EQ(reader.openAt(parent, "file"), ENOTDIR);
+  EXPECT_EQ(reader.openAt(parent, "missing"), ENOENT);
+}
+
 TEST(DirectoryReaderTest, StatEntryDoesNotFollowLinks) {
   TempTree tree{"dir/", "link -> dir"};
   testing::writeFile(tree / "file", std::string(1234, 'x'));
