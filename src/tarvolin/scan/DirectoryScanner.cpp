@@ -281,8 +281,8 @@ JobResult runJob(ScanContext& context, std::string_view path, JobScratch& scratc
 }
 
 // Appends the job builders to the seeding records in frontier order, into a builder reserved
-// for the exact total, so nothing is copied twice and freed job memory is given back as the
-// merge goes.
+// for the exact total, so it never regrows (a regrowth would hold the old and the new copy at
+// once), and gives freed job memory back as the merge goes: the peak stays near the index size.
 IndexBuilder mergeJobs(IndexBuilder seeded, std::vector<JobResult>& jobs, const DirList& frontier) {
   uint64_t records = seeded.recordCount();
   uint64_t blobBytes = seeded.nameBlob().size();
