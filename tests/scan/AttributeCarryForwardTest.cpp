@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "support/IndexFixture.h"
+#include "support/RecordPaths.h"
 #include "support/TempTree.h"
 
 namespace tarvolin {
@@ -12,20 +13,10 @@ using testing::buildTree;
 using testing::FixtureEntry;
 using testing::TempTree;
 
-// Record paths of a builder, for lookups.
-std::string pathOf(const IndexBuilder& builder, uint32_t id) {
-  std::string path;
-  for (uint32_t at = id; at != FileRecord::rootParentID; at = builder[at].parentID) {
-    path.insert(0, "/" + std::string(builder.nameBytes(at)));
-  }
-  return path.substr(1);
-}
-
 const FileRecord& recordAt(const IndexBuilder& builder, const std::string& path) {
-  for (uint32_t id = 0; id < builder.recordCount(); ++id) {
-    if (pathOf(builder, id) == path) return builder[id];
-  }
-  throw std::runtime_error("no record at " + path);
+  std::optional<uint32_t> id = testing::idOf(builder, path);
+  if (!id) throw std::runtime_error("no record at " + path);
+  return builder[*id];
 }
 
 class AttributeCarryForwardTest : public ::testing::Test {

@@ -7,6 +7,7 @@
 
 #include <mutex>
 
+#include "support/RecordPaths.h"
 #include "support/TempTree.h"
 #include "tarvolin/scan/DirectoryScanner.h"
 
@@ -14,22 +15,9 @@ namespace tarvolin {
 namespace {
 
 using AttributeFiller::Appetite;
+using testing::idOf;
+using testing::pathOf;
 using testing::TempTree;
-
-std::string pathOf(const IndexBuilder& builder, uint32_t id) {
-  std::string path;
-  for (uint32_t at = id; at != FileRecord::rootParentID; at = builder[at].parentID) {
-    path.insert(0, "/" + std::string(builder.nameBytes(at)));
-  }
-  return path.substr(1);
-}
-
-std::optional<uint32_t> idOf(const IndexBuilder& builder, const std::string& path) {
-  for (uint32_t id = 0; id < builder.recordCount(); ++id) {
-    if (pathOf(builder, id) == path) return id;
-  }
-  return std::nullopt;
-}
 
 IndexBuilder scanned(const std::string& root) {
   return DirectoryScanner(ScanPolicy{}, 2, 0, "").scan(root, 0).builder;
@@ -134,23 +122,6 @@ TEST(AttributeFillerTest, OnlyMissingListsTheDirectoriesWithNewEntriesAndTheirPa
   EXPECT_EQ(builder[added].size, 5u);
   // /a/b/c covers its 3 children, /a/b its 2.
   EXPECT_EQ(listed.calls.back(), 5);
-}
-
-TEST(AttributeFillerTest, EntriesChangedSinceTheScan) {
-  TempTree tree{"kept", "deleted", "dir/inner"};
-  std::string root = tree.root().string();
-  IndexBuilder builder = scanned(root);
-  std::filesystem::remove(tree / "deleted");
-  testing::writeFile(tree / "created", "");
-  std::filesystem::remove_all(tree / "dir");
-  uint32_t records = builder.recordCount();
-  AttributeFiller::fill(builder, kAlways, false, Appetite::watching, nullptr);
-  EXPECT_EQ(builder.recordCount(), records);
-  EXPECT_TRUE(builder[*idOf(builder, root + "/kept")].flags.contains(RecordFlags::attrsFilled));
-  for (const char* gone : {"/deleted", "/dir", "/dir/inner"}) {
-    EXPECT_FALSE(builder[*idOf(builder, root + gone)].flags.contains(RecordFlags::attrsFilled))
-        << gone;
-  }
 }
 
 TEST(AttributeFillerTest, StoppingFillsNothingMore) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <sstream>
 
 #include "support/RunTool.h"
 #include "support/TempTree.h"
@@ -40,13 +41,8 @@ Summary parseSummary(const std::string& line) {
 
 std::vector<std::string> lines(const std::string& text) {
   std::vector<std::string> result;
-  size_t at = 0;
-  while (at < text.size()) {
-    size_t end = text.find('\n', at);
-    if (end == std::string::npos) end = text.size();
-    result.push_back(text.substr(at, end - at));
-    at = end + 1;
-  }
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) result.push_back(line);
   return result;
 }
 
@@ -85,19 +81,6 @@ TEST(ScanCommandTest, ScansTheHomeDirectoryByDefault) {
   EXPECT_EQ(out[0], "Scanning " + home.root().string() + "\xE2\x80\xA6");
   IndexStore store(indexPathIn(home));
   EXPECT_EQ(store.header().volumes[0].mountPath, home.root().string());
-}
-
-TEST(ScanCommandTest, MissingRootStillWritesAnIndex) {
-  TempTree home;
-  std::string root = (home / "missing").string();
-  auto result = runTool({"scan", root}, home.root().string());
-  EXPECT_EQ(result.status, 0);
-  auto out = lines(result.out);
-  ASSERT_EQ(out.size(), 3u);
-  Summary summary = parseSummary(out[1]);
-  EXPECT_EQ(summary.entries, 0);
-  EXPECT_EQ(summary.rate, 0);
-  EXPECT_EQ(summary.unreadable, 1);
 }
 
 TEST(ScanCommandTest, FailureToWriteKeepsThePreviousIndex) {

@@ -25,7 +25,7 @@ namespace {
 // The flags opendir uses; O_NONBLOCK keeps a FIFO swapped in for a directory from blocking.
 constexpr int kDirectoryFlags = O_RDONLY | O_NONBLOCK | O_DIRECTORY | O_CLOEXEC;
 
-int openAt(int base, const char* path, int flags) {
+int openRetrying(int base, const char* path, int flags) {
   int fd;
   do {
     fd = ::openat(base, path, flags);
@@ -50,7 +50,7 @@ int openLongPath(const char* path, size_t length) {
       errno = ENAMETOOLONG;  // a single name longer than any file system allows
     } else {
       piece.assign(path + at, end - at);
-      next = openAt(base, piece.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+      next = openRetrying(base, piece.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
     }
     int saved = errno;
     if (base != AT_FDCWD) ::close(base);
@@ -63,7 +63,7 @@ int openLongPath(const char* path, size_t length) {
     while (at < length && path[at] == '/') ++at;
   }
   // The pieces were opened as locations only; open the last one for reading.
-  int fd = openAt(base, ".", kDirectoryFlags);
+  int fd = openRetrying(base, ".", kDirectoryFlags);
   int saved = errno;
   ::close(base);
   errno = saved;
@@ -103,10 +103,25 @@ int DirectoryReader::open(const char* path) {
   close();
   if (path[0] == '\0') path = "/";
   size_t length = std::strlen(path);
-  int fd = length < PATH_MAX ? openAt(AT_FDCWD, path, kDirectoryFlags) : openLongPath(path, length);
+  int fd = length < PATH_MAX ? openRetrying(AT_FDCWD, path, kDirectoryFlags)
+                             : openLongPath(path, length);
   if (fd < 0) return errno != 0 ? errno : EIO;
   fd_ = fd;
   return 0;
+}
+
+int DirectoryReader::openAt(const FileDescriptor& parent, const char* name) {
+  close();
+  int fd = openRetrying(parent.get(), name, kDirectoryFlags | O_NOFOLLOW);
+  if (fd < 0) return errno != 0 ? errno : EIO;
+  fd_ = fd;
+  return 0;
+}
+
+FileDescriptor DirectoryReader::detach() {
+  FileDescriptor fd(fd_);
+  fd_ = -1;
+  return fd;
 }
 
 void DirectoryReader::close() {

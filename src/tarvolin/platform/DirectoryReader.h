@@ -14,6 +14,8 @@
 #include <optional>
 #include <string_view>
 
+#include "tarvolin/platform/FileDescriptor.h"
+
 namespace tarvolin::platform {
 
 /// The kinds a directory entry can have. Values are those of the kernel's d_type.
@@ -57,6 +59,12 @@ class DirectoryReader {
   /// whatever was open before. The empty path is "/". Paths longer than the kernel takes in one
   /// call are opened piece by piece. Returns 0, or the errno of the failure (nothing is open then).
   int open(const char* path);
+  /// Opens the subdirectory `name` (one component, NUL-terminated) of the directory `parent`
+  /// refers to, without following a link at `name`: a walker that keeps a parent open saves the
+  /// kernel the lookup of every component above. Returns 0 or the errno, like `open`.
+  int openAt(const FileDescriptor& parent, const char* name);
+  /// Hands over the open directory's descriptor (to serve as a parent); nothing is open after.
+  FileDescriptor detach();
   /// Closes the open directory, if any.
   void close();
   bool isOpen() const { return fd_ >= 0; }

@@ -107,9 +107,9 @@ class Matcher {
 
 }  // namespace
 
-int64_t carry(const IndexStore& old, IndexBuilder& builder) {
-  if (old.count() == 0 || builder.recordCount() == 0) return 0;
-  return Matcher(old, builder).run();
+int64_t carry(const IndexStore& from, IndexBuilder& into) {
+  if (from.count() == 0 || into.recordCount() == 0) return 0;
+  return Matcher(from, into).run();
 }
 
 }  // namespace tarvolin::AttributeCarryForward

@@ -20,11 +20,11 @@
 
 namespace tarvolin::AttributeCarryForward {
 
-/// Copies size and mtime of every old record with attrsFilled to the new record at the same
-/// path and marks it filled. Two directories at the same path have their children matched
+/// Copies size and mtime of every record of `from` with attrsFilled to the record of `into` at
+/// the same path and marks it filled. Two directories at the same path have their children matched
 /// whether or not attributes were copied; a file that became a folder (or the reverse) gets the
 /// old attributes but its children are not matched. Among old siblings with the same name the
 /// later record wins. Returns the number of records that received attributes.
-int64_t carry(const IndexStore& old, IndexBuilder& builder);
+int64_t carry(const IndexStore& from, IndexBuilder& into);
 
 }  // namespace tarvolin::AttributeCarryForward

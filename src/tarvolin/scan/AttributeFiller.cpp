@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <mutex>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "tarvolin/platform/Concurrency.h"
 #include "tarvolin/platform/DirectoryReader.h"
+#include "tarvolin/scan/detail/EntryAttributes.h"
 #include "tarvolin/scan/detail/NameTable.h"
 
 namespace tarvolin::AttributeFiller {
@@ -27,12 +29,6 @@ struct Job {
   uint32_t lo;
   uint32_t hi;
   size_t pathOffset;
-};
-
-struct Filled {
-  uint32_t id;
-  uint64_t size;
-  uint32_t mtime;
 };
 
 // The children of every record, grouped by parent in record order: children of record i are
@@ -81,38 +77,19 @@ bool appendPath(const IndexBuilder& builder, uint32_t id, std::vector<std::strin
   return true;
 }
 
-uint32_t clampTime(int64_t seconds) {
-  return static_cast<uint32_t>(std::clamp<int64_t>(seconds, 0, 0xFFFFFFFFll));
-}
-
-// Lists one directory and stats each entry that names a child record.
-void statDirectory(platform::DirectoryReader& reader, const char* path,
-                   const detail::NameTable& children, std::vector<Filled>& into) {
-  if (reader.open(path) != 0) return;
-  reader.forEach([&](const platform::DirectoryEntry& entry) {
-    std::optional<uint32_t> id = children.find(entry.name);
-    if (!id) return;  // created since the scan
-    std::optional<platform::EntryStatus> status = reader.statEntry(entry.name.data());
-    if (!status) return;  // gone since the listing
-    uint64_t size = status->type == platform::EntryType::directory
-                        ? 0
-                        : static_cast<uint64_t>(std::max<int64_t>(status->size, 0));
-    into.push_back({*id, size, clampTime(status->modificationTime)});
-  });
-  reader.close();
-}
-
 // Shared by the workers of one fill.
 class ParallelFillContext {
  public:
   ParallelFillContext(IndexBuilder& builder, const std::function<void(int64_t)>& onProgress)
       : builder_(builder), onProgress_(onProgress) {}
 
-  void flush(const std::vector<Filled>& results, int64_t covered) {
+  void flush(const std::vector<detail::EntryAttributes>& results, int64_t covered) {
     int64_t report = -1;
     {
       std::lock_guard guard(lock_);
-      for (const Filled& filled : results) builder_.setAttributes(filled.id, filled.size, filled.mtime);
+      for (const detail::EntryAttributes& filled : results) {
+        builder_.setAttributes(filled.id, filled.size, filled.mtime);
+      }
       processed_ += covered;
       if (processed_ - lastReported_ >= kProgressEvery) {
         lastReported_ = processed_;
@@ -185,7 +162,7 @@ void fill(IndexBuilder& builder, const std::function<bool()>& shouldContinue, bo
   platform::concurrentPerform(workers, [&](size_t worker) {
     platform::DirectoryReader reader;
     detail::NameTable table;
-    std::vector<Filled> results;
+    std::vector<detail::EntryAttributes> results;
     results.reserve(kBatchCapacity);
     int64_t covered = 0;
     for (size_t j = worker; j < jobs.size(); j += workers) {
@@ -194,9 +171,10 @@ void fill(IndexBuilder& builder, const std::function<bool()>& shouldContinue, bo
       table.reset(job.hi - job.lo);
       for (uint32_t k = job.lo; k < job.hi; ++k) {
         uint32_t child = children.ids[k];
-        table.insert(builder.nameBytes(child), child);
+        table.insert(builder.nameBytes(child), child);  // the later of two same names wins
       }
-      statDirectory(reader, paths.c_str() + job.pathOffset, table, results);
+      std::span<const uint32_t> childIDs(children.ids.data() + job.lo, job.hi - job.lo);
+      detail::statByName(reader, paths.c_str() + job.pathOffset, builder, childIDs, table, results);
       covered += job.hi - job.lo;
       if (results.size() > kFlushAbove) {
         context.flush(results, covered);

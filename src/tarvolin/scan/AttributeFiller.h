@@ -1,10 +1,12 @@
 #pragma once
 // Adds sizes and modification times to the records of a scanned builder, in place, and marks
-// each record it fills with attrsFilled. Files are never looked up by path one by one: each
-// directory is opened once, listed, and its entries are stat'ed relative to it (without following
-// links), their names matched to the directory's child records. Entries created since the scan
-// are ignored; records whose entry is gone, or whose directory cannot be opened, stay unfilled,
-// and a later `fill` with `onlyMissing` picks them up again.
+// each record it fills with attrsFilled. Files are never looked up by whole path: each directory
+// is opened once and its child records' names are stat'ed relative to it, without following
+// links. Linux has no bulk attribute listing, and listing a directory costs as much as stat'ing
+// what it holds, so the names come from the records rather than from a listing; the result is
+// the same (see detail/EntryAttributes.h). Entries created since the scan are ignored; records
+// whose entry is gone, or whose directory cannot be opened, stay unfilled, and a later `fill`
+// with `onlyMissing` picks them up again.
 //
 // `fill` is synchronous and spreads the directories over 1 to 8 worker threads chosen by
 // appetite. Workers read the builder's records and names and write records only under one lock,

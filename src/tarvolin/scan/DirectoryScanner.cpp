@@ -40,10 +40,12 @@ constexpr uint64_t kReleaseAtMostEvery = uint64_t{8} << 20;
 // pending directory costs no allocation of its own; used as a stack by jobs (the last path is
 // always at the end of `bytes`) and as a queue level by seeding.
 struct DirList {
+  static constexpr int32_t kNoParent = -1;
   struct Ref {
     size_t offset;
     size_t length;
     uint32_t recordID;  // its record in the builder receiving its children, or kNoRecord
+    int32_t parent;     // a job's kept descriptor of its parent directory, or kNoParent
   };
   std::string bytes;
   std::vector<Ref> refs;
@@ -52,7 +54,7 @@ struct DirList {
   size_t size() const { return refs.size(); }
   std::string_view path(size_t i) const { return {bytes.data() + refs[i].offset, refs[i].length}; }
   void push(std::string_view path, uint32_t recordID) {
-    refs.push_back({bytes.size(), path.size(), recordID});
+    refs.push_back({bytes.size(), path.size(), recordID, kNoParent});
     bytes.append(path);
   }
   void clear() {
@@ -67,16 +69,14 @@ struct EnumOutcome {
   int64_t entries = 0;
 };
 
-// Lists `path` ("" is "/") into `builder` below `recordID` and appends the subdirectories to
-// enter to `children`, in listing order. Nothing per entry beyond copying its name, except for
-// subdirectories: their path is formed (with the whole name) for the descent test.
-EnumOutcome enumerate(DirectoryReader& reader, const std::string& path, uint32_t recordID,
-                      IndexBuilder& builder, uint8_t volumeIndex,
-                      const detail::DescentFilter& filter, DirList& children) {
-  int error = reader.open(path.c_str());
-  if (error != 0) return {false, error, 0};
+// Lists the directory open in `reader`, whose path is `path` ("" is "/"), into `builder` below
+// `recordID`, and appends the subdirectories to enter to `children`, in listing order. Nothing
+// per entry beyond copying its name, except for subdirectories: their path is formed (with the
+// whole name) for the descent test. A read error part way keeps what was listed.
+int64_t enumerate(DirectoryReader& reader, const std::string& path, uint32_t recordID,
+                  IndexBuilder& builder, uint8_t volumeIndex, const detail::DescentFilter& filter,
+                  DirList& children) {
   int64_t count = 0;
-  // A read error part way keeps what was listed; the directory counts as opened.
   reader.forEach([&](const DirectoryEntry& entry) {
     std::string_view name = entry.name;
     RecordFlags flags;
@@ -91,13 +91,12 @@ EnumOutcome enumerate(DirectoryReader& reader, const std::string& path, uint32_t
     children.bytes.append(path).append(1, '/').append(name);
     std::string_view childPath(children.bytes.data() + offset, children.bytes.size() - offset);
     if (filter.shouldDescend(childPath, name)) {
-      children.refs.push_back({offset, childPath.size(), id});
+      children.refs.push_back({offset, childPath.size(), id, DirList::kNoParent});
     } else {
       children.bytes.resize(offset);
     }
   });
-  reader.close();
-  return {true, 0, count};
+  return count;
 }
 
 // Throttled progress shared by all threads of one scan.
@@ -148,26 +147,81 @@ struct ScanContext {
     return false;
   }
 
-  // Lists one directory into `builder` and accounts for it in `tally`.
-  void list(DirectoryReader& reader, const std::string& path, uint32_t recordID,
-            IndexBuilder& builder, DirList& children, detail::ScanTally& tally) {
+  // Lists one directory into `builder` and accounts for it in `tally`. The directory is opened
+  // by path, or by name relative to `parent` when given; it stays open in `reader` when listed.
+  bool list(DirectoryReader& reader, const std::string& path, const platform::FileDescriptor* parent,
+            uint32_t recordID, IndexBuilder& builder, DirList& children,
+            detail::ScanTally& tally) {
+    int error = parent != nullptr ? reader.openAt(*parent, path.c_str() + path.rfind('/') + 1)
+                                  : reader.open(path.c_str());
     uint64_t records = builder.recordCount();
     uint64_t blob = builder.nameBlob().size();
-    EnumOutcome outcome =
-        enumerate(reader, path, recordID, builder, volumeIndex, filter, children);
+    int64_t entries = 0;
+    if (error == 0) {
+      entries = enumerate(reader, path, recordID, builder, volumeIndex, filter, children);
+    }
     totalRecords.fetch_add(builder.recordCount() - records, std::memory_order_relaxed);
     totalBlobBytes.fetch_add(builder.nameBlob().size() - blob, std::memory_order_relaxed);
-    tally.account(outcome.opened, outcome.errorNumber, outcome.entries, path, home);
-    if (reporter != nullptr && outcome.entries > 0) reporter->report(outcome.entries);
+    tally.account(error == 0, error, entries, path, home);
+    if (reporter != nullptr && entries > 0) reporter->report(entries);
+    return error == 0;
   }
 };
 
 // The per-thread working set of jobs, reused from job to job so that the listing buffer and the
 // stack are allocated once per thread, not once per job.
 struct JobScratch {
+  // A directory with subdirectories still to list keeps its descriptor here until the last of
+  // them is opened: opening a child by name relative to it spares the kernel the lookup of every
+  // component above. The current walk needs one per level; beyond kMaxKeptParents levels
+  // children are opened by path.
+  static constexpr size_t kMaxKeptParents = 64;
+  struct KeptParent {
+    platform::FileDescriptor fd;
+    size_t pendingChildren = 0;
+  };
+
   DirectoryReader reader;
   DirList stack;
   std::string current;
+  std::vector<KeptParent> parents;
+  std::vector<int32_t> freeParents;
+  size_t keptParents = 0;
+
+  void reset() {
+    stack.clear();
+    parents.clear();
+    freeParents.clear();
+    keptParents = 0;
+  }
+
+  // Keeps the reader's open directory as the parent of `stack.refs[firstChild ...]`.
+  void keepAsParent(size_t firstChild) {
+    size_t children = stack.refs.size() - firstChild;
+    if (children == 0 || keptParents >= kMaxKeptParents) {
+      reader.close();
+      return;
+    }
+    int32_t slot;
+    if (freeParents.empty()) {
+      slot = static_cast<int32_t>(parents.size());
+      parents.emplace_back();
+    } else {
+      slot = freeParents.back();
+      freeParents.pop_back();
+    }
+    parents[slot] = {reader.detach(), children};
+    ++keptParents;
+    for (size_t i = firstChild; i < stack.refs.size(); ++i) stack.refs[i].parent = slot;
+  }
+
+  // One child of `slot` has been opened.
+  void childOpened(int32_t slot) {
+    if (--parents[slot].pendingChildren > 0) return;
+    parents[slot].fd = platform::FileDescriptor();
+    freeParents.push_back(slot);
+    --keptParents;
+  }
 };
 
 class ScratchPool {
@@ -200,7 +254,7 @@ JobResult runJob(ScanContext& context, std::string_view path, JobScratch& scratc
   JobResult result;
   IndexBuilder builder(4096, 65536);
   DirList& stack = scratch.stack;
-  stack.clear();
+  scratch.reset();
   stack.push(path, kNoRecord);
   while (!stack.empty()) {
     DirList::Ref ref = stack.refs.back();
@@ -208,8 +262,15 @@ JobResult runJob(ScanContext& context, std::string_view path, JobScratch& scratc
     stack.bytes.resize(ref.offset);
     stack.refs.pop_back();
     if (!context.shouldContinue() || !context.roomLeft()) break;
-    context.list(scratch.reader, scratch.current, ref.recordID, builder, stack, result.tally);
+    const platform::FileDescriptor* parent =
+        ref.parent == DirList::kNoParent ? nullptr : &scratch.parents[ref.parent].fd;
+    size_t firstChild = stack.refs.size();
+    bool opened = context.list(scratch.reader, scratch.current, parent, ref.recordID, builder,
+                               stack, result.tally);
+    if (ref.parent != DirList::kNoParent) scratch.childOpened(ref.parent);
+    if (opened) scratch.keepAsParent(firstChild);
   }
+  scratch.reset();  // closes the parents a stopped job still kept
   if (builder.recordCount() > 0) {
     // Keep an exactly sized copy: thousands of jobs wait for the merge, and the working
     // builder's spare capacity would wait with them.
@@ -220,8 +281,8 @@ JobResult runJob(ScanContext& context, std::string_view path, JobScratch& scratc
 }
 
 // Appends the job builders to the seeding records in frontier order, into a builder reserved
-// for the exact total, so nothing is copied twice and freed job memory is given back as the
-// merge goes.
+// for the exact total, so it never regrows (a regrowth would hold the old and the new copy at
+// once), and gives freed job memory back as the merge goes: the peak stays near the index size.
 IndexBuilder mergeJobs(IndexBuilder seeded, std::vector<JobResult>& jobs, const DirList& frontier) {
   uint64_t records = seeded.recordCount();
   uint64_t blobBytes = seeded.nameBlob().size();
@@ -315,7 +376,8 @@ ScanResult DirectoryScanner::scan(std::string_view root, uint8_t volumeIndex,
           break;
         }
         current.assign(frontier.path(i));
-        context.list(reader, current, frontier.refs[i].recordID, builder, next, tally);
+        context.list(reader, current, nullptr, frontier.refs[i].recordID, builder, next, tally);
+        reader.close();
       }
       frontier = cancelled ? DirList() : std::move(next);
     }
