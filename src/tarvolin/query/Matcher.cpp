@@ -4,10 +4,12 @@
 #include <array>
 
 #include "tarvolin/platform/Concurrency.h"
+#include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/Unicode.h"
 #include "tarvolin/query/FuzzyMatcher.h"
 #include "tarvolin/query/RegexLiteral.h"
 #include "tarvolin/query/detail/Evaluator.h"
+#include "tarvolin/query/detail/MatchSink.h"
 #include "tarvolin/query/detail/NameScan.h"
 
 namespace tarvolin {
@@ -42,6 +44,9 @@ std::vector<Match> sharded(size_t n, Body&& body) {
     body(begin, end, slots[s]);
   });
   std::vector<Match> joined = std::move(slots[0]);
+  size_t total = joined.size();
+  for (size_t s = 1; s < shards; ++s) total += slots[s].size();
+  platform::prefaultForWriting(joined.data() + joined.size(), (total - joined.size()) * sizeof(Match));
   for (size_t s = 1; s < shards; ++s) joined.insert(joined.end(), slots[s].begin(), slots[s].end());
   return joined;
 }
@@ -115,11 +120,12 @@ std::vector<Match> Matcher::evaluate(const Query& query,
   const IndexStore& store = *store_;
   size_t n = ids ? ids->size() : store.count();
   auto body = [&](size_t begin, size_t end, std::vector<Match>& out) {
+    detail::MatchSink sink(out);
     for (size_t i = begin; i < end; ++i) {
       uint32_t id = ids ? (*ids)[i] : static_cast<uint32_t>(i);
       if (id >= store.count() || store[id].flags.contains(RecordFlags::deleted)) continue;
       if (auto outcome = evaluator.evaluate(id)) {
-        out.push_back(Match{id, outcome->quality, outcome->offset});
+        sink.push(Match{id, outcome->quality, outcome->offset});
       }
     }
   };
@@ -333,17 +339,24 @@ std::vector<Match> Matcher::fuzzyScan(const std::string& needle,
   std::vector<std::vector<Hit>> slots(shards);
   platform::concurrentPerform(shards, [&](size_t s) {
     size_t begin = std::min<size_t>(n, s * chunk), end = std::min<size_t>(n, begin + chunk);
-    std::vector<Match> holding;
-    detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), rarest,
-                      kernel, holding);
     auto skip = std::lower_bound(excluded.begin(), excluded.end(), static_cast<uint32_t>(begin));
-    for (const Match& candidate : holding) {
-      uint32_t id = candidate.id;
-      while (skip != excluded.end() && *skip < id) ++skip;
-      if (skip != excluded.end() && *skip == id) continue;
-      auto result = FuzzyMatcher::match(needle, store.nameBytes(id));
-      if (result && result->score >= minimum) {
-        slots[s].push_back(Hit{id, result->score, result->firstMatch});
+    // Candidates are taken a few thousand records at a time into one small list that is reused,
+    // so the prefilter never writes more fresh memory than that list.
+    constexpr size_t kStep = 4096;
+    std::vector<Match> holding;
+    holding.reserve(kStep);
+    for (size_t from = begin; from < end; from += kStep) {
+      holding.clear();
+      detail::scanRange(store, static_cast<uint32_t>(from),
+                        static_cast<uint32_t>(std::min(end, from + kStep)), rarest, kernel, holding);
+      for (const Match& candidate : holding) {
+        uint32_t id = candidate.id;
+        while (skip != excluded.end() && *skip < id) ++skip;
+        if (skip != excluded.end() && *skip == id) continue;
+        auto result = FuzzyMatcher::match(needle, store.nameBytes(id));
+        if (result && result->score >= minimum) {
+          slots[s].push_back(Hit{id, result->score, result->firstMatch});
+        }
       }
     }
   });

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "tarvolin/platform/CpuFeatures.h"
+#include "tarvolin/query/detail/MatchSink.h"
 
 namespace tarvolin::detail {
 
@@ -35,13 +36,13 @@ ScanInput inputFor(const IndexStore& store, std::string_view needle) {
           RecordFlags::deleted};
 }
 
-inline void emit(std::vector<Match>& out, const ScanInput& in, uint32_t id, size_t position) {
+inline void emit(MatchSink& out, const ScanInput& in, uint32_t id, size_t position) {
   const FileRecord& record = in.records[id];
   std::string_view name(reinterpret_cast<const char*>(in.blob) + record.nameOffset, record.nameLen);
-  out.push_back(Match{id, qualityAt(name, position, in.length), static_cast<int32_t>(position)});
+  out.push(Match{id, qualityAt(name, position, in.length), static_cast<int32_t>(position)});
 }
 
-void scanScalar(const ScanInput& in, uint32_t begin, uint32_t end, std::vector<Match>& out) {
+void scanScalar(const ScanInput& in, uint32_t begin, uint32_t end, MatchSink& out) {
   for (uint32_t id = begin; id < end; ++id) {
     const FileRecord& record = in.records[id];
     if (!(record.flags & in.skipped).isEmpty() || record.nameLen < in.length) continue;
@@ -55,7 +56,7 @@ void scanScalar(const ScanInput& in, uint32_t begin, uint32_t end, std::vector<M
 // Per record: the first needle byte is looked for 16 bytes at a time. A load may run past the
 // name into the following names (never past the blob); positions past the last possible start
 // are masked off.
-void scanSse2(const ScanInput& in, uint32_t begin, uint32_t end, std::vector<Match>& out) {
+void scanSse2(const ScanInput& in, uint32_t begin, uint32_t end, MatchSink& out) {
   const __m128i lower = _mm_set1_epi8(static_cast<char>(in.needle[0]));
   const __m128i upper = _mm_set1_epi8(static_cast<char>(upperForm(in.needle[0])));
   const uint8_t* blobEnd = in.blob + in.blobLength;
@@ -99,7 +100,7 @@ struct BlobWalker {
   const ScanInput& in;
   uint32_t cursor;
   uint32_t end;
-  std::vector<Match>& out;
+  MatchSink& out;
 
   uint64_t endOf(uint32_t id) const {
     return uint64_t{in.records[id].nameOffset} + in.records[id].nameLen;
@@ -143,7 +144,7 @@ struct BlobWalker {
 // two, in names that share long common prefixes ("lib", "python").
 template <size_t Width, typename Mask>
 [[gnu::always_inline]] inline void blobLoop(const ScanInput& in, uint32_t begin, uint32_t end,
-                                            std::vector<Match>& out, Mask&& vectorMask) {
+                                            MatchSink& out, Mask&& vectorMask) {
   if (begin >= end) return;
   BlobWalker walker{in, begin, end, out};
   uint64_t position = in.records[begin].nameOffset;
@@ -178,7 +179,7 @@ template <size_t Width, typename Mask>
   }
 }
 
-void scanBlobSse2(const ScanInput& in, uint32_t begin, uint32_t end, std::vector<Match>& out) {
+void scanBlobSse2(const ScanInput& in, uint32_t begin, uint32_t end, MatchSink& out) {
   const size_t last = in.length - 1;
   const __m128i lower0 = _mm_set1_epi8(static_cast<char>(in.needle[0]));
   const __m128i upper0 = _mm_set1_epi8(static_cast<char>(upperForm(in.needle[0])));
@@ -208,7 +209,7 @@ struct Avx2Mask {
 
 // flatten pulls the loop and the mask into this AVX2 function, where the mask may be inlined.
 [[gnu::target("avx2"), gnu::flatten]] void scanBlobAvx2(const ScanInput& in, uint32_t begin, uint32_t end,
-                                          std::vector<Match>& out) {
+                                          MatchSink& out) {
   const size_t last = in.length - 1;
   Avx2Mask mask{_mm256_set1_epi8(static_cast<char>(in.needle[0])),
                 _mm256_set1_epi8(static_cast<char>(upperForm(in.needle[0]))),
@@ -252,13 +253,14 @@ void scanRange(const IndexStore& store, uint32_t begin, uint32_t end, std::strin
   if (needle.empty() || begin >= end) return;
   ScanInput in = inputFor(store, needle);
   if (includeDeleted) in.skipped = RecordFlags();
+  MatchSink sink(out);
   switch (kernel) {
-    case ScanKernel::scalar: return scanScalar(in, begin, end, out);
-    case ScanKernel::sse2: return scanSse2(in, begin, end, out);
-    case ScanKernel::blobSse2: return scanBlobSse2(in, begin, end, out);
+    case ScanKernel::scalar: return scanScalar(in, begin, end, sink);
+    case ScanKernel::sse2: return scanSse2(in, begin, end, sink);
+    case ScanKernel::blobSse2: return scanBlobSse2(in, begin, end, sink);
     case ScanKernel::blobAvx2:
-      if (platform::hasAvx2()) return scanBlobAvx2(in, begin, end, out);
-      return scanBlobSse2(in, begin, end, out);
+      if (platform::hasAvx2()) return scanBlobAvx2(in, begin, end, sink);
+      return scanBlobSse2(in, begin, end, sink);
   }
 }
 
