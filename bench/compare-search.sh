@@ -22,25 +22,26 @@ mkdir -p "$HOME"
 "$tvl" scan "$tree" >/dev/null
 updatedb -l 0 -U "$tree" -o "$work/plocate.db"
 
-# rare word, common word, extension, two words, regular expression
-queries=("${QUERIES[@]:-}")
-if [ -z "${queries[0]}" ]; then
-  queries=(libxml2 python config ".py" "python3 config")
-fi
-regex='^lib[a-z]+[0-9]+\.so$'
+# Pairs "tvl query|plocate pattern": a rare word, a common word, an extension, two words.
+# plocate has no ext: operator, so the extension is matched as the text ".py" there.
+pairs=("libxml2|libxml2" "python|python" "ext:py|.py" "python3 config|python3 config")
+regex='lib[a-z]+[0-9]+\.so$'
 
-printf '%-24s %12s %12s %12s %10s %10s\n' query tvl_ms plocate-i_ms plocate_ms 'tvl/-i' 'tvl/plain'
 median() { # hyperfine json -> median ms of command $2
   python3 -c "import json,sys; print(json.load(open(sys.argv[1]))['results'][int(sys.argv[2])]['median']*1000)" "$1" "$2"
 }
-for q in "${queries[@]}"; do
+ratio() { python3 -c "print(f'{$1/$2:.2f}')"; }
+
+printf '%-24s %10s %12s %12s %8s %8s\n' query tvl_ms plocate-i_ms plocate_ms 'vs -i' 'vs plain'
+for pair in "${pairs[@]}"; do
+  t=${pair%%|*}; p=${pair#*|}
   hyperfine -N --warmup 3 --runs 30 --export-json "$work/r.json" \
-    "$tvl search $q" "plocate -d $work/plocate.db -i -l 20 $q" "plocate -d $work/plocate.db -l 20 $q" >/dev/null 2>&1
-  t=$(median "$work/r.json" 0); pi=$(median "$work/r.json" 1); p=$(median "$work/r.json" 2)
-  printf '%-24s %12.2f %12.2f %12.2f %10.2f %10.2f\n' "$q" "$t" "$pi" "$p" \
-    "$(python3 -c "print($t/$pi)")" "$(python3 -c "print($t/$p)")"
+    "$tvl search $t" "plocate -d $work/plocate.db -i -l 20 $p" "plocate -d $work/plocate.db -l 20 $p" \
+    >/dev/null 2>&1
+  a=$(median "$work/r.json" 0); b=$(median "$work/r.json" 1); c=$(median "$work/r.json" 2)
+  printf '%-24s %10.2f %12.2f %12.2f %8s %8s\n' "$t" "$a" "$b" "$c" "$(ratio "$a" "$b")" "$(ratio "$a" "$c")"
 done
 hyperfine -N --warmup 2 --runs 10 --export-json "$work/r.json" \
   "$tvl search /$regex/" "plocate -d $work/plocate.db --regex -l 20 $regex" >/dev/null 2>&1
-t=$(median "$work/r.json" 0); p=$(median "$work/r.json" 1)
-printf '%-24s %12.2f %12s %12.2f %10s %10.2f\n' "/regex/" "$t" "-" "$p" "-" "$(python3 -c "print($t/$p)")"
+a=$(median "$work/r.json" 0); c=$(median "$work/r.json" 1)
+printf '%-24s %10.2f %12s %12.2f %8s %8s\n' "/regex/" "$a" "-" "$c" "-" "$(ratio "$a" "$c")"
