@@ -223,36 +223,36 @@ std::vector<Match> Matcher::multiTokenMatch(const std::vector<Term>& terms) {
 std::vector<Match> Matcher::pathOnlyMatch(const std::string& needle) {
   const IndexStore& store = *store_;
   uint32_t n = store.count();
-  // Marks: records whose own name holds the needle, deleted ones included (they still name
-  // the folders below them).
-  detail::ScanKernel kernel = detail::preferredKernel(store);
-  std::vector<uint8_t> marked(n, 0);
+  // distance[i]: steps from i up to its nearest record whose own name holds the needle (0: its
+  // own name does), capped past the walk limit. Deleted records still name the folders below
+  // them. Parents usually come before children, so one pass in ID order reuses the parent's
+  // value; a parent that comes later is walked explicitly.
+  constexpr uint16_t kFar = PathResolver::maxDepth + 1;
+  std::vector<uint16_t> distance;
+  distance.reserve(n);
+  platform::prefaultForWriting(distance.data(), size_t{n} * sizeof(uint16_t));
+  distance.assign(n, kFar);
   {
+    detail::ScanKernel kernel = detail::preferredKernel(store);
     std::vector<Match> own = sharded(n, [&](size_t begin, size_t end, std::vector<Match>& out) {
       detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), needle,
                         kernel, out, /*includeDeleted=*/true);
     });
-    for (const Match& hit : own) marked[hit.id] = 1;
+    for (const Match& hit : own) distance[hit.id] = 0;
   }
-  // distance[i]: steps from i up to its nearest marked ancestor-or-self (0 = itself), capped.
-  // Parents usually come before children, so one pass in ID order reuses the parent's value;
-  // a parent that comes later is walked explicitly.
-  constexpr uint16_t kFar = PathResolver::maxDepth + 1;
-  std::vector<uint16_t> distance(n, kFar);
   std::vector<Match> results;
-  results.reserve(4096);
+  results.reserve(n);
+  detail::MatchSink sink(results);
   for (uint32_t id = 0; id < n; ++id) {
     const FileRecord& record = store[id];
-    uint16_t d = kFar;
-    if (marked[id]) {
-      d = 0;
-    } else if (record.parentID != FileRecord::rootParentID) {
+    uint16_t d = distance[id];
+    if (d != 0 && record.parentID != FileRecord::rootParentID) {
       if (record.parentID < id) {
         d = static_cast<uint16_t>(std::min<int>(distance[record.parentID] + 1, kFar));
       } else {
         uint32_t current = record.parentID;
         for (uint16_t steps = 1; steps <= PathResolver::maxDepth; ++steps) {
-          if (marked[current]) {
+          if (distance[current] == 0) {
             d = steps;
             break;
           }
@@ -261,10 +261,10 @@ std::vector<Match> Matcher::pathOnlyMatch(const std::string& needle) {
           current = parent;
         }
       }
+      distance[id] = d;
     }
-    distance[id] = d;
     if (d <= PathResolver::maxDepth && !record.flags.contains(RecordFlags::deleted)) {
-      results.push_back(Match{id, MatchQuality::substring, 0});
+      sink.push(Match{id, MatchQuality::substring, 0});
     }
   }
   return results;
