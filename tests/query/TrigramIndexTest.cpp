@@ -92,6 +92,11 @@ TEST(TrigramIndexTest, SideFileRoundTripsAndRejectsEveryMismatch) {
   writeFile(path, good + "xy");
   EXPECT_TRUE(TrigramIndex::load(path, 0x1122334455667788ull).has_value());
   EXPECT_EQ(TrigramIndex::load(tree / "absent", 1), std::nullopt);
+
+  // Regression: an index without keys or postings has empty arrays to copy back.
+  TrigramIndex empty = buildWith(0, {});
+  empty.write(tree / "empty.cache", 7);
+  EXPECT_EQ(TrigramIndex::load(tree / "empty.cache", 7), empty);
 }
 
 }  // namespace
