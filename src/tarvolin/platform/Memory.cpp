@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <new>
+#include <utility>
 
 namespace tarvolin::platform {
 
@@ -32,6 +34,29 @@ void prefaultForWriting(void* data, size_t bytes) {
   (void)data;
   (void)bytes;
 #endif
+}
+
+ZeroedPages::ZeroedPages(size_t bytes) : size_(bytes) {
+  if (bytes == 0) return;
+  void* data = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (data == MAP_FAILED) throw std::bad_alloc();
+  data_ = data;
+}
+
+ZeroedPages::~ZeroedPages() {
+  if (data_ != nullptr) ::munmap(data_, size_);
+}
+
+ZeroedPages::ZeroedPages(ZeroedPages&& other) noexcept
+    : data_(std::exchange(other.data_, nullptr)), size_(std::exchange(other.size_, 0)) {}
+
+ZeroedPages& ZeroedPages::operator=(ZeroedPages&& other) noexcept {
+  if (this != &other) {
+    if (data_ != nullptr) ::munmap(data_, size_);
+    data_ = std::exchange(other.data_, nullptr);
+    size_ = std::exchange(other.size_, 0);
+  }
+  return *this;
 }
 
 }  // namespace tarvolin::platform

@@ -23,4 +23,27 @@ void adviseFillingSoon(const void* data, size_t bytes);
 /// contents are not changed. Ignored where the kernel does not offer it.
 void prefaultForWriting(void* data, size_t bytes);
 
+/// Fresh zero-filled memory straight from the kernel (an anonymous mapping), for large tables
+/// of which a run may touch only a few pages: nothing is written up front, so untouched pages
+/// cost nothing, unlike a heap block that must be cleared. Move-only; unmapped when destroyed.
+class ZeroedPages {
+ public:
+  ZeroedPages() = default;
+  /// Throws std::bad_alloc when the kernel refuses.
+  explicit ZeroedPages(size_t bytes);
+  ~ZeroedPages();
+  ZeroedPages(ZeroedPages&& other) noexcept;
+  ZeroedPages& operator=(ZeroedPages&& other) noexcept;
+  ZeroedPages(const ZeroedPages&) = delete;
+  ZeroedPages& operator=(const ZeroedPages&) = delete;
+
+  void* data() const { return data_; }
+  size_t size() const { return size_; }
+  explicit operator bool() const { return data_ != nullptr; }
+
+ private:
+  void* data_ = nullptr;
+  size_t size_ = 0;
+};
+
 }  // namespace tarvolin::platform

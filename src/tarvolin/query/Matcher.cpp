@@ -100,18 +100,50 @@ std::vector<Match> Matcher::match(const Query& query,
       !terms[0].text().empty() && terms[0].text().find('/') == std::string::npos) {
     return pathOnlyMatch(detail::lowerAscii(terms[0].text()));
   }
-  if (plain && terms.size() == 1 && terms[0].kind() == Term::Kind::regex) {
-    const std::optional<std::string>& literal = regexLiteralFor(terms[0].text());
-    if (literal && !literal->empty()) {
+  // A literal that every match's name must hold (the text of a plain word, "." and the item of
+  // a one-item extension term, or the run a regular expression requires) narrows the records
+  // to evaluate to those one vectorised scan finds; the evaluation over them keeps ID order, so
+  // the result is the general evaluation's.
+  if (plain) {
+    if (std::optional<std::string> literal = requiredLiteral(terms)) {
       std::vector<Match> hits = scanNeedle(*literal);
-      std::vector<uint32_t> ids;
-      ids.reserve(hits.size());
-      for (const Match& hit : hits) ids.push_back(hit.id);
-      return evaluate(query, std::span<const uint32_t>(ids), /*parallel=*/true);
+      // The candidates are written over the scan's own list, which is no longer needed.
+      auto* ids = reinterpret_cast<uint32_t*>(hits.data());
+      for (size_t i = 0; i < hits.size(); ++i) ids[i] = hits[i].id;
+      return evaluate(query, std::span<const uint32_t>(ids, hits.size()), /*parallel=*/true);
     }
   }
-  // Record-local queries and everything else: the compiled evaluation, sharded.
+  // Everything else: the compiled evaluation over every record, sharded.
   return evaluate(query, std::nullopt, /*parallel=*/true);
+}
+
+std::optional<std::string> Matcher::requiredLiteral(const std::vector<Term>& terms) {
+  std::optional<std::string> best;
+  auto consider = [&best](std::string literal) {
+    if (!literal.empty() && (!best || literal.size() > best->size())) best = std::move(literal);
+  };
+  for (const Term& term : terms) {
+    switch (term.kind()) {
+      case Term::Kind::substring:
+      case Term::Kind::exactPhrase:
+        consider(detail::lowerAscii(term.text()));
+        break;
+      case Term::Kind::ext:
+        // The extension follows the name's last ".", so the name holds "." + the extension.
+        if (!term.text().empty() && term.text().find(',') == std::string::npos) {
+          consider("." + detail::lowerAscii(term.text()));
+        }
+        break;
+      case Term::Kind::regex:
+        if (const std::optional<std::string>& literal = regexLiteralFor(term.text())) {
+          consider(*literal);
+        }
+        break;
+      default:
+        break;
+    }
+  }
+  return best;
 }
 
 std::vector<Match> Matcher::evaluate(const Query& query,

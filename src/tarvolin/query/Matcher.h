@@ -4,8 +4,9 @@
 //
 // For indexes of 20000 records or more it picks a strategy by the query's shape: a vectorised
 // substring scan split across processors (optionally narrowed to trigram blocks), a driver-word
-// scan for several words, a marked-ancestor pass for a sole path term, a sharded compiled-term
-// loop, and a literal prefilter for a sole regular expression. Every strategy returns the same
+// scan for several words, a marked-ancestor pass for a sole path term, a literal prefilter for
+// queries whose matches must all hold one literal (a word, an extension, a regular expression's
+// required run), and a sharded compiled-term loop. Every strategy returns the same
 // records in the same order as the general evaluation; the multi-word scan reports the driver
 // word's quality and offset.
 //
@@ -77,6 +78,9 @@ class Matcher {
   std::vector<Match> evaluate(const Query& query, std::optional<std::span<const uint32_t>> ids,
                               bool parallel);
   std::vector<Match> fuzzyScan(const std::string& needle, const std::vector<Match>& exclude);
+  /// The longest literal (lower-cased) that the name of every record matching all of `terms`
+  /// must hold, or nothing.
+  std::optional<std::string> requiredLiteral(const std::vector<Term>& terms);
 
   /// The compiled expression for a pattern (cached; nothing when invalid).
   const platform::Regex* regexFor(const std::string& pattern);

@@ -5,6 +5,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "tarvolin/platform/Memory.h"
+
 namespace tarvolin {
 
 namespace {
@@ -32,16 +34,9 @@ bool Ranker::isDemotedName(std::string_view bytes) {
   return false;
 }
 
-void Ranker::FreeDeleter::operator()(uint32_t* p) const { std::free(p); }
-
 Ranker::Ranker(std::shared_ptr<const IndexStore> store) : store_(std::move(store)) {}
 
 Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
-  if (!directoryCache_) {
-    auto* table = static_cast<uint32_t*>(std::calloc(std::max<size_t>(store_->count(), 1), 4));
-    if (table == nullptr) throw std::bad_alloc();
-    directoryCache_.reset(table);
-  }
   uint32_t cached = directoryCache_[id];
   if (cached & kComputed) {
     return {static_cast<int32_t>(cached & kDepthMask), (cached & kDemoted) != 0,
@@ -62,6 +57,7 @@ Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
 }
 
 int32_t Ranker::score(const Match& match) {
+  prepareCache(1);
   const FileRecord& record = (*store_)[match.id];
   bool hidden = record.flags.contains(RecordFlags::isHidden);
   int32_t depth = 0;
@@ -106,8 +102,19 @@ std::vector<RankedResult> Ranker::topK(const std::vector<Match>& matches,
   return kept;
 }
 
+void Ranker::prepareCache(size_t matchCount) {
+  if (directoryCache_ != nullptr) return;
+  size_t bytes = std::max<size_t>(store_->count(), 1) * sizeof(uint32_t);
+  cachePages_ = platform::ZeroedPages(bytes);
+  directoryCache_ = static_cast<uint32_t*>(cachePages_.data());
+  // Many matches touch most of the table's pages: backing them in one call is far cheaper
+  // than a fault each. A few matches touch a few pages and leave the rest untouched.
+  if (matchCount >= 4096) platform::prefaultForWriting(directoryCache_, bytes);
+}
+
 std::vector<RankedResult> Ranker::rank(const std::vector<Match>& matches, int64_t limit) {
   if (limit < 1 || matches.empty()) return {};
+  prepareCache(matches.size());
   // Bucket = quality, except that applications matched at a word boundary or better join the
   // exact ones. Buckets are noted once; each is then reduced in a pass over the matches, so no
   // match is ever copied.

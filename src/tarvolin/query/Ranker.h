@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tarvolin/index/IndexStore.h"
+#include "tarvolin/platform/Memory.h"
 #include "tarvolin/query/Match.h"
 
 namespace tarvolin {
@@ -58,17 +59,17 @@ class Ranker {
   std::vector<RankedResult> topK(const std::vector<Match>& matches,
                                  const std::vector<uint8_t>& buckets, uint8_t bucket, int64_t k);
   AncestorInfo ancestorInfo(uint32_t id, uint32_t budget);
+  /// Creates the memo table on first use, sized for the store.
+  void prepareCache(size_t matchCount);
   static bool isDemotedName(std::string_view bytes);
 
   std::shared_ptr<const IndexStore> store_;
   // Memo per folder, packed: bit 31 computed, bit 30 demotedThrough, bit 29 appThrough, low
   // bits depth. One lookup of the parent's entry scores a match.
   // A flat table (4 bytes per record) beats a hash map once many matches share folders. It is
-  // taken zeroed from calloc, so only the pages of folders actually ranked are ever touched.
-  struct FreeDeleter {
-    void operator()(uint32_t* p) const;
-  };
-  std::unique_ptr<uint32_t[], FreeDeleter> directoryCache_;
+  // fresh zeroed pages, so only the pages of folders actually ranked are ever touched.
+  platform::ZeroedPages cachePages_;
+  uint32_t* directoryCache_ = nullptr;
 };
 
 }  // namespace tarvolin
