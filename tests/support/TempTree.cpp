@@ -15,8 +15,8 @@ TempTree::TempTree() {
   root_ = pattern;
 }
 
-TempTree::TempTree(std::initializer_list<std::string> specs) : TempTree() {
-  for (const std::string& spec : specs) add(spec);
+TempTree::TempTree(std::initializer_list<std::string> entries) : TempTree() {
+  for (const std::string& entry : entries) add(entry);
 }
 
 TempTree::~TempTree() {
@@ -33,19 +33,19 @@ TempTree::~TempTree() {
   std::filesystem::remove_all(root_, ignored);
 }
 
-void TempTree::add(const std::string& spec, const std::string& contents) {
-  size_t arrow = spec.find(" -> ");
+void TempTree::add(const std::string& entry, const std::string& contents) {
+  size_t arrow = entry.find(" -> ");
   if (arrow != std::string::npos) {
-    std::filesystem::path link = root_ / spec.substr(0, arrow);
+    std::filesystem::path link = root_ / entry.substr(0, arrow);
     std::filesystem::create_directories(link.parent_path());
-    std::filesystem::create_symlink(spec.substr(arrow + 4), link);
+    std::filesystem::create_symlink(entry.substr(arrow + 4), link);
     return;
   }
-  if (!spec.empty() && spec.back() == '/') {
-    std::filesystem::create_directories(root_ / spec);
+  if (!entry.empty() && entry.back() == '/') {
+    std::filesystem::create_directories(root_ / entry);
     return;
   }
-  std::filesystem::path file = root_ / spec;
+  std::filesystem::path file = root_ / entry;
   std::filesystem::create_directories(file.parent_path());
   writeFile(file, contents);
 }
