@@ -23,23 +23,32 @@ size_t shardCount(size_t n) {
   return std::max<size_t>(1, std::min<size_t>(n / Matcher::shardUnit, platform::activeProcessorCount()));
 }
 
+// Cuts [0, n) into shardCount(n) consecutive ranges and runs body(shard, begin, end) for each,
+// concurrently when there are several; returns the number of shards.
+template <typename Body>
+size_t forEachShard(size_t n, Body&& body) {
+  size_t shards = shardCount(n);
+  if (shards <= 1) {
+    body(size_t{0}, size_t{0}, n);
+    return 1;
+  }
+  size_t chunk = (n + shards - 1) / shards;
+  platform::concurrentPerform(shards, [&](size_t s) {
+    size_t begin = std::min(n, s * chunk);
+    body(s, begin, std::min(n, begin + chunk));
+  });
+  return shards;
+}
+
 // Runs body(begin, end, out) over [0, n) in shards and joins the results in shard order. Every
 // shard's list is reserved for its whole range up front (the first for all of [0, n), since the
 // others are appended to it): a reservation is only address space until it is written, so this
 // costs nothing, while growing a list by doubling copies it and touches fresh pages each time.
 template <typename Body>
 std::vector<Match> sharded(size_t n, Body&& body) {
-  size_t shards = shardCount(n);
-  std::vector<std::vector<Match>> slots(shards);
+  std::vector<std::vector<Match>> slots(shardCount(n));
   slots[0].reserve(n);
-  if (shards <= 1) {
-    body(size_t{0}, n, slots[0]);
-    return std::move(slots[0]);
-  }
-  size_t chunk = (n + shards - 1) / shards;
-  platform::concurrentPerform(shards, [&](size_t s) {
-    size_t begin = std::min(n, s * chunk);
-    size_t end = std::min(n, begin + chunk);
+  size_t shards = forEachShard(n, [&](size_t s, size_t begin, size_t end) {
     if (s > 0) slots[s].reserve(end - begin);
     body(begin, end, slots[s]);
   });
@@ -366,11 +375,8 @@ std::vector<Match> Matcher::fuzzyScan(const std::string& needle,
     int64_t score;
     int64_t offset;
   };
-  size_t shards = shardCount(n);
-  size_t chunk = (n + shards - 1) / std::max<size_t>(shards, 1);
-  std::vector<std::vector<Hit>> slots(shards);
-  platform::concurrentPerform(shards, [&](size_t s) {
-    size_t begin = std::min<size_t>(n, s * chunk), end = std::min<size_t>(n, begin + chunk);
+  std::vector<std::vector<Hit>> slots(shardCount(n));
+  forEachShard(n, [&](size_t s, size_t begin, size_t end) {
     auto skip = std::lower_bound(excluded.begin(), excluded.end(), static_cast<uint32_t>(begin));
     // Candidates are taken a few thousand records at a time into one small list that is reused,
     // so the prefilter never writes more fresh memory than that list.

@@ -1,13 +1,12 @@
 #include "tarvolin/query/TrigramIndex.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/platform/AtomicFile.h"
 #include "tarvolin/platform/MappedFile.h"
+#include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/Precondition.h"
 
 namespace tarvolin {
@@ -30,17 +29,12 @@ inline void forEachKey(std::string_view name, Visit&& visit) {
   }
 }
 
-// A zero-filled table of 2^24 words. calloc hands out fresh pages, so only touched ones cost.
-struct FreeDeleter {
-  void operator()(uint32_t* p) const { std::free(p); }
+// A zero-filled table of 2^24 words, straight from the kernel: only touched pages cost.
+struct Table {
+  platform::ZeroedPages pages{kTableEntries * sizeof(uint32_t)};
+  uint32_t* words = static_cast<uint32_t*>(pages.data());
+  uint32_t& operator[](uint32_t key) { return words[key]; }
 };
-using Table = std::unique_ptr<uint32_t[], FreeDeleter>;
-
-Table zeroTable() {
-  auto* table = static_cast<uint32_t*>(std::calloc(kTableEntries, sizeof(uint32_t)));
-  if (table == nullptr) throw std::bad_alloc();
-  return Table(table);
-}
 
 }  // namespace
 
@@ -51,8 +45,8 @@ TrigramIndex TrigramIndex::build(const std::function<std::string_view(uint32_t)>
   TrigramIndex index;
   index.postingStart_.clear();
   index.blockCount_ = (int64_t{count} + blockSize - 1) / blockSize;
-  Table stamp = zeroTable();
-  Table counter = zeroTable();
+  Table stamp;
+  Table counter;
   index.keys_.reserve(100000);
 
   // Counting pass: counter[key] ends as the number of distinct blocks holding the key.
