@@ -220,15 +220,52 @@ TEST(IndexStoreTest, MissingFolderAndForgedChecksum) {
   std::filesystem::create_directory(tree / "dir.bin");
   EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "dir.bin")), RebuildReason{RebuildReason::Kind::truncated});
 
-  // A record whose name leaves the blob, with the checksum made to match: refused, not trusted.
-  IndexBuilder builder = sampleBuilder();
-  IndexWriter::write(builder, {}, tree / "forged.bin");
-  std::string bytes = readFile(tree / "forged.bin");
-  poke<uint32_t>(bytes, 4096 + 24 + 4, 0x7FFFFFFF);  // record 1's nameOffset
-  std::span<const uint8_t> body(reinterpret_cast<const uint8_t*>(bytes.data()) + 4096, bytes.size() - 4096);
-  poke<uint64_t>(bytes, 16, FastHash64::hash(body));
-  writeFile(tree / "forged.bin", bytes);
-  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "forged.bin")), RebuildReason{RebuildReason::Kind::corrupt});
+}
+
+// Records that point outside the file, with the checksum made to match: refused, not trusted.
+// Enough records that the checks run both in whole groups and in the tail.
+TEST(IndexStoreTest, RefusesForgedRecordsWithAMatchingChecksum) {
+  std::vector<testing::FixtureEntry> entries;
+  for (int i = 0; i < 150; ++i) entries.push_back({"/d/f" + std::to_string(i)});
+  TempTree tree;
+  IndexWriter::write(testing::buildTree(entries), {}, tree / "good.bin");
+  const std::string good = readFile(tree / "good.bin");
+  uint32_t count, blobLength;
+  std::memcpy(&count, good.data() + 8, 4);
+  std::memcpy(&blobLength, good.data() + 12, 4);
+  ASSERT_GT(count, 140u);
+  auto record = [](uint32_t id, size_t field) { return 4096 + 24 * size_t{id} + field; };
+
+  struct ForgeCase {
+    const char* what;
+    std::function<void(std::string&)> forge;
+    bool loads;
+    bool namesInRecordOrder;
+  };
+  const ForgeCase cases[] = {
+      {"name far past the blob", [&](std::string& b) { poke<uint32_t>(b, record(1, 4), 0x7FFFFFFF); }, false, false},
+      {"name past the blob in a whole group", [&](std::string& b) { poke<uint32_t>(b, record(70, 4), blobLength); }, false, false},
+      {"last name one byte too long", [&](std::string& b) { b[record(count - 1, 20)] += 1; }, false, true},
+      {"parent just past the table", [&](std::string& b) { poke<uint32_t>(b, record(80, 0), count); }, false, true},
+      {"parent below the top marker", [&](std::string& b) { poke<uint32_t>(b, record(count - 1, 0), 0xFFFFFFFE); }, false, true},
+      {"name out of order but inside", [&](std::string& b) { poke<uint32_t>(b, record(100, 4), 0); }, true, false},
+      {"last parent in the table", [&](std::string& b) { poke<uint32_t>(b, record(3, 0), count - 1); }, true, true},
+  };
+  for (const ForgeCase& c : cases) {
+    std::string bytes = good;
+    c.forge(bytes);
+    std::span<const uint8_t> body(reinterpret_cast<const uint8_t*>(bytes.data()) + 4096, bytes.size() - 4096);
+    poke<uint64_t>(bytes, 16, FastHash64::hash(body));
+    writeFile(tree / "forged.bin", bytes);
+    IndexLoadOutcome outcome = loadIndex(tree / "forged.bin");
+    if (!c.loads) {
+      EXPECT_EQ(std::get<RebuildReason>(outcome), RebuildReason{RebuildReason::Kind::corrupt}) << c.what;
+      continue;
+    }
+    auto* store = std::get_if<std::shared_ptr<const IndexStore>>(&outcome);
+    ASSERT_NE(store, nullptr) << c.what;
+    EXPECT_EQ((*store)->namesInRecordOrder(), c.namesInRecordOrder) << c.what;
+  }
 }
 
 }  // namespace

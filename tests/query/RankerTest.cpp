@@ -83,5 +83,32 @@ TEST_F(RankerTest, EqualScoresKeepTheMatcherOrder) {
   EXPECT_EQ(ranked[1].match.id, id("/a/b/file.txt"));
 }
 
+// The folder memo starts small and moves to a flat table when many folders have been seen, or
+// at once for a ranking of many matches. Every way must give every record the same score.
+TEST(RankerMemoTest, EveryMemoFormGivesTheSameScores) {
+  std::vector<testing::FixtureEntry> entries;
+  for (int top = 0; top < 150; ++top) {
+    std::string base = "/t" + std::to_string(top) + (top % 7 == 0 ? "/node_modules" : "");
+    RecordFlags flags = top % 11 == 0 ? RecordFlags::isApp : RecordFlags();
+    entries.push_back({base + "/Tool.app/", std::nullopt, 0, flags});
+    for (int sub = 0; sub < 120; ++sub) entries.push_back({base + "/Tool.app/s" + std::to_string(sub) + "/f"});
+  }
+  testing::TempTree tree;
+  auto store = testing::writeAndLoad(testing::buildTree(entries), tree / "index.bin");
+  ASSERT_GT(store->count(), 36000u);
+
+  std::vector<Match> all;
+  for (uint32_t id = 0; id < store->count(); ++id) all.push_back(Match{id, MatchQuality::substring, 0});
+  Ranker flatFromTheStart(store);
+  ASSERT_EQ(flatFromTheStart.rank(all, 1).size(), 1u);
+  Ranker growing(store);  // one match at a time: small table first, flat after many folders
+  for (uint32_t id = 0; id < store->count(); ++id) {
+    int32_t expected = flatFromTheStart.score(all[id]);
+    ASSERT_EQ(growing.score(all[id]), expected) << "record " << id;
+    ASSERT_EQ(growing.score(all[id]), expected) << "record " << id << ", remembered";
+  }
+  EXPECT_EQ(growing.rank(all, 20), flatFromTheStart.rank(all, 20));
+}
+
 }  // namespace
 }  // namespace tarvolin

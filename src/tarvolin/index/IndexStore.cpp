@@ -1,5 +1,7 @@
 #include "tarvolin/index/IndexStore.h"
 
+#include <algorithm>
+
 #include "tarvolin/index/FastHash64.h"
 #include "tarvolin/index/detail/FastHash64Core.h"
 #include "tarvolin/index/IndexError.h"
@@ -9,55 +11,54 @@ namespace tarvolin {
 
 namespace {
 
-// True when a record's name lies inside the blob and its parent link inside the table (or is
-// the top marker). Branch-free so it costs nothing beside the checksum.
-inline uint64_t outside(const FileRecord& r, uint32_t count, uint32_t blobLength) {
-  return static_cast<uint64_t>(uint64_t{r.nameOffset} + r.nameLen > blobLength) |
-         static_cast<uint64_t>(r.parentID >= count && r.parentID != FileRecord::rootParentID);
-}
-
-// The checksum of the body, and whether every record stays inside the file. Sixteen records are
-// 384 bytes, twelve whole stripes: each group is checked while the checksum has it in cache, so
-// the records are read from memory once.
+// The checksum of the body, and whether every record stays inside the file.
 struct BodyCheck {
   uint64_t checksum;
   bool linksInside;
   bool namesInRecordOrder;
 };
 
-// Names lie in the blob in record order when no name starts before the previous one ends.
-inline uint64_t outOfOrder(const FileRecord& r, uint64_t& previousEnd) {
-  uint64_t before = static_cast<uint64_t>(r.nameOffset < previousEnd);
-  previousEnd = uint64_t{r.nameOffset} + r.nameLen;
-  return before;
+// True when some record's name leaves the blob. Only needed when the names are not in record
+// order: in order, the last name's end bounds them all.
+bool anyNameOutside(const FileRecord* records, uint32_t count, uint32_t blobLength) {
+  uint64_t bad = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    bad |= static_cast<uint64_t>(uint64_t{records[i].nameOffset} + records[i].nameLen > blobLength);
+  }
+  return bad != 0;
 }
 
+// The record checks ride along in the checksum pass, a group at a time while its bytes are in
+// cache, so the records are read from memory once. They are kept to the fewest operations a
+// record: the largest parent link plus one (the top marker wraps to 0), and whether a name
+// starts before the previous one ends, which also bounds every name when it never happens.
 BodyCheck checkBody(std::span<const uint8_t> body, uint32_t count, uint32_t blobLength) {
   FastHash64::detail::Lanes lanes;
   const auto* records = reinterpret_cast<const FileRecord*>(body.data());
-  uint64_t bad = 0;
+  uint32_t parentLimit = 0;  // the largest parentID + 1
   uint64_t unordered = 0;
   uint64_t previousEnd = 0;
-  constexpr uint32_t kGroup = 16;
+  auto note = [&](const FileRecord& r) {
+    parentLimit = std::max(parentLimit, r.parentID + 1);
+    unordered |= static_cast<uint64_t>(r.nameOffset < previousEnd);
+    previousEnd = uint64_t{r.nameOffset} + r.nameLen;
+  };
+  constexpr uint32_t kGroup = 64;  // 1536 bytes, 48 whole stripes
   uint32_t groups = count / kGroup;
   const uint8_t* p = body.data();
   for (uint32_t g = 0; g < groups; ++g) {
-    const FileRecord* r = records + kGroup * size_t{g};
-    for (uint32_t i = 0; i < kGroup; ++i) {
-      bad |= outside(r[i], count, blobLength);
-      unordered |= outOfOrder(r[i], previousEnd);
-    }
     lanes.stripes(p, kGroup * sizeof(FileRecord));
+    const FileRecord* r = records + kGroup * size_t{g};
+    for (uint32_t i = 0; i < kGroup; ++i) note(r[i]);
     p += kGroup * sizeof(FileRecord);
   }
-  for (uint32_t i = groups * kGroup; i < count; ++i) {
-    bad |= outside(records[i], count, blobLength);
-    unordered |= outOfOrder(records[i], previousEnd);
-  }
+  for (uint32_t i = groups * kGroup; i < count; ++i) note(records[i]);
   size_t done = static_cast<size_t>(p - body.data());
   done += lanes.stripes(p, body.size() - done);
-  return {lanes.finish(body.size(), body.data() + done, body.size() - done), bad == 0,
-          unordered == 0};
+  uint64_t checksum = lanes.finish(body.size(), body.data() + done, body.size() - done);
+  bool inOrder = unordered == 0;
+  bool namesInside = inOrder ? previousEnd <= blobLength : !anyNameOutside(records, count, blobLength);
+  return {checksum, parentLimit <= count && namesInside, inOrder};
 }
 
 }  // namespace

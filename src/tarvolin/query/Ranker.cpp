@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 #include "tarvolin/platform/Memory.h"
 
@@ -14,6 +16,15 @@ constexpr uint32_t kComputed = 1u << 31;
 constexpr uint32_t kDemoted = 1u << 30;
 constexpr uint32_t kAppAbove = 1u << 29;
 constexpr uint32_t kDepthMask = (1u << 29) - 1;
+
+// Rankings of at least this many matches use the flat memo from the start; the open-addressing
+// memo moves to it when it holds more than kSparseLimit folders.
+constexpr size_t kFlatFromMatches = 4096;
+constexpr size_t kSparseLimit = 16384;
+
+inline size_t slotOf(uint32_t id, size_t mask) {
+  return static_cast<size_t>((uint64_t{id} * 0x9E3779B97F4A7C15ull) >> 32) & mask;
+}
 }  // namespace
 
 const std::vector<std::string_view>& Ranker::demotedPathComponents() {
@@ -37,7 +48,7 @@ bool Ranker::isDemotedName(std::string_view bytes) {
 Ranker::Ranker(std::shared_ptr<const IndexStore> store) : store_(std::move(store)) {}
 
 Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
-  uint32_t cached = directoryCache_[id];
+  uint32_t cached = remembered(id);
   if (cached & kComputed) {
     return {static_cast<int32_t>(cached & kDepthMask), (cached & kDemoted) != 0,
             (cached & kAppAbove) != 0};
@@ -50,9 +61,9 @@ Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
   }
   info.demotedThrough = info.demotedThrough || isDemotedName(store_->nameBytes(id));
   info.appThrough = info.appThrough || record.flags.contains(RecordFlags::isApp);
-  directoryCache_[id] = kComputed | (info.demotedThrough ? kDemoted : 0) |
-                        (info.appThrough ? kAppAbove : 0) |
-                        (static_cast<uint32_t>(info.depth) & kDepthMask);
+  remember(id, kComputed | (info.demotedThrough ? kDemoted : 0) |
+                   (info.appThrough ? kAppAbove : 0) |
+                   (static_cast<uint32_t>(info.depth) & kDepthMask));
   return info;
 }
 
@@ -103,13 +114,63 @@ std::vector<RankedResult> Ranker::topK(const std::vector<Match>& matches,
 }
 
 void Ranker::prepareCache(size_t matchCount) {
-  if (directoryCache_ != nullptr) return;
+  if (directoryCache_ == nullptr && matchCount >= kFlatFromMatches) makeFlat();
+}
+
+uint32_t Ranker::remembered(uint32_t id) const {
+  if (directoryCache_ != nullptr) return directoryCache_[id];
+  if (sparseCache_.empty()) return 0;
+  size_t mask = sparseCache_.size() - 1;
+  for (size_t slot = slotOf(id, mask);; slot = (slot + 1) & mask) {
+    uint64_t entry = sparseCache_[slot];
+    if (entry == 0) return 0;
+    if (entry >> 32 == uint64_t{id} + 1) return static_cast<uint32_t>(entry);
+  }
+}
+
+void Ranker::remember(uint32_t id, uint32_t packed) {
+  if (directoryCache_ != nullptr) {
+    directoryCache_[id] = packed;
+    return;
+  }
+  if (sparseCount_ >= kSparseLimit) {
+    makeFlat();
+    directoryCache_[id] = packed;
+    return;
+  }
+  if (sparseCache_.empty() || 2 * (sparseCount_ + 1) > sparseCache_.size()) {
+    // Grow to keep the table at most half full; entries are only ever added.
+    size_t size = std::bit_ceil(std::max<size_t>(1024, 4 * sparseCount_));
+    std::vector<uint64_t> old = std::exchange(sparseCache_, std::vector<uint64_t>(size));
+    sparseCount_ = 0;
+    for (uint64_t entry : old) {
+      if (entry != 0) remember(static_cast<uint32_t>((entry >> 32) - 1), static_cast<uint32_t>(entry));
+    }
+  }
+  size_t mask = sparseCache_.size() - 1;
+  uint64_t key = uint64_t{id} + 1;
+  for (size_t slot = slotOf(id, mask);; slot = (slot + 1) & mask) {
+    uint64_t& entry = sparseCache_[slot];
+    if (entry == 0) ++sparseCount_;
+    if (entry == 0 || entry >> 32 == key) {
+      entry = key << 32 | packed;
+      return;
+    }
+  }
+}
+
+void Ranker::makeFlat() {
   size_t bytes = std::max<size_t>(store_->count(), 1) * sizeof(uint32_t);
   cachePages_ = platform::ZeroedPages(bytes);
   directoryCache_ = static_cast<uint32_t*>(cachePages_.data());
-  // Many matches touch most of the table's pages: backing them in one call is far cheaper
-  // than a fault each. A few matches touch a few pages and leave the rest untouched.
-  if (matchCount >= 4096) platform::prefaultForWriting(directoryCache_, bytes);
+  // The flat memo serves many matches, which touch most of its pages: backing them in one call
+  // is far cheaper than a fault each.
+  platform::prefaultForWriting(directoryCache_, bytes);
+  for (uint64_t entry : sparseCache_) {
+    if (entry != 0) directoryCache_[(entry >> 32) - 1] = static_cast<uint32_t>(entry);
+  }
+  sparseCache_ = {};
+  sparseCount_ = 0;
 }
 
 std::vector<RankedResult> Ranker::rank(const std::vector<Match>& matches, int64_t limit) {

@@ -59,17 +59,26 @@ class Ranker {
   std::vector<RankedResult> topK(const std::vector<Match>& matches,
                                  const std::vector<uint8_t>& buckets, uint8_t bucket, int64_t k);
   AncestorInfo ancestorInfo(uint32_t id, uint32_t budget);
-  /// Creates the memo table on first use, sized for the store.
+  /// Readies the memo for a ranking of `matchCount` matches.
   void prepareCache(size_t matchCount);
+  /// The memo entry of a folder (0 when not computed yet), and its update.
+  uint32_t remembered(uint32_t id) const;
+  void remember(uint32_t id, uint32_t packed);
+  /// Moves the memo to the flat table.
+  void makeFlat();
   static bool isDemotedName(std::string_view bytes);
 
   std::shared_ptr<const IndexStore> store_;
   // Memo per folder, packed: bit 31 computed, bit 30 demotedThrough, bit 29 appThrough, low
   // bits depth. One lookup of the parent's entry scores a match.
-  // A flat table (4 bytes per record) beats a hash map once many matches share folders. It is
-  // fresh zeroed pages, so only the pages of folders actually ranked are ever touched.
+  // Many matches share folders all over the tree: a flat table (4 bytes per record) of fresh
+  // zeroed pages, backed in one call, serves them best. A few matches reach a few hundred
+  // folders, spread over as many pages, and each first write to a page is a fault: they use a
+  // small open-addressing table instead, until it grows large.
   platform::ZeroedPages cachePages_;
   uint32_t* directoryCache_ = nullptr;
+  std::vector<uint64_t> sparseCache_;  // (id + 1) << 32 | entry; 0 is an empty slot
+  size_t sparseCount_ = 0;
 };
 
 }  // namespace tarvolin
