@@ -2,11 +2,12 @@
 
 #include <sched.h>
 
+#include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 namespace tarvolin::platform {
 
@@ -21,31 +22,116 @@ size_t activeProcessorCount() {
   return hardware > 0 ? hardware : 1;
 }
 
-void concurrentPerform(size_t count, const std::function<void(size_t)>& body) {
-  if (count == 0) return;
-  size_t threads = std::min(count, activeProcessorCount());
-  if (threads <= 1) {
-    for (size_t i = 0; i < count; ++i) body(i);
-    return;
-  }
+namespace {
+
+// True on a thread while it runs loop bodies: a loop started there runs on that thread alone.
+thread_local bool insideLoop = false;
+
+// One parallel loop: indices are handed out in increasing order to whoever asks next.
+struct Job {
+  size_t count;
+  const std::function<void(size_t)>* body;
   std::atomic<size_t> next{0};
-  std::exception_ptr failure;
   std::mutex failureLock;
-  auto worker = [&] {
+  std::exception_ptr failure;
+
+  void work() {
     try {
-      for (size_t i = next.fetch_add(1); i < count; i = next.fetch_add(1)) body(i);
+      for (size_t i = next.fetch_add(1); i < count; i = next.fetch_add(1)) (*body)(i);
     } catch (...) {
       std::lock_guard guard(failureLock);
       if (!failure) failure = std::current_exception();
       next.store(count);
     }
-  };
-  std::vector<std::thread> pool;
-  pool.reserve(threads - 1);
-  for (size_t t = 1; t < threads; ++t) pool.emplace_back(worker);
-  worker();
-  for (auto& thread : pool) thread.join();
-  if (failure) std::rethrow_exception(failure);
+  }
+};
+
+// Helper threads started once per process and parked between loops. Starting a thread costs a
+// good part of a millisecond on a virtual machine (its stack is fresh memory), which is the
+// whole budget of a short search; a parked thread wakes in microseconds.
+// The pool is never destroyed: parked threads end with the process.
+class Workers {
+ public:
+  static Workers& shared() {
+    static Workers* workers = new Workers(activeProcessorCount() - 1);
+    return *workers;
+  }
+
+  size_t helperCount() const { return helpers_; }
+
+  void start() {
+    std::call_once(started_, [this] {
+      for (size_t t = 0; t < helpers_; ++t) std::thread([this] { park(); }).detach();
+    });
+  }
+
+  // Runs the job on the caller and up to `wanted` helpers. False when another thread's loop
+  // holds the pool: the caller then runs the job alone.
+  bool run(Job& job, size_t wanted) {
+    std::unique_lock<std::mutex> one(running_, std::try_to_lock);
+    if (!one.owns_lock()) return false;
+    insideLoop = true;
+    start();
+    {
+      std::lock_guard guard(lock_);
+      job_ = &job;
+      wanted_ = wanted;
+      ++generation_;
+    }
+    wake_.notify_all();
+    job.work();
+    insideLoop = false;
+    std::unique_lock guard(lock_);
+    wanted_ = 0;  // helpers that wake only now stay parked
+    done_.wait(guard, [this] { return busy_ == 0; });
+    job_ = nullptr;
+    return true;
+  }
+
+ private:
+  explicit Workers(size_t helpers) : helpers_(helpers) {}
+
+  void park() {
+    insideLoop = true;
+    std::unique_lock guard(lock_);
+    uint64_t seen = generation_;
+    while (true) {
+      wake_.wait(guard, [&] { return generation_ != seen; });
+      seen = generation_;
+      if (wanted_ == 0) continue;
+      --wanted_;
+      ++busy_;
+      Job* job = job_;
+      guard.unlock();
+      job->work();
+      guard.lock();
+      if (--busy_ == 0) done_.notify_all();
+    }
+  }
+
+  const size_t helpers_;
+  std::once_flag started_;
+  std::mutex running_;  // one loop at a time
+  std::mutex lock_;
+  std::condition_variable wake_, done_;
+  uint64_t generation_ = 0;
+  Job* job_ = nullptr;
+  size_t wanted_ = 0;
+  size_t busy_ = 0;
+};
+
+}  // namespace
+
+void startWorkers() {
+  if (Workers::shared().helperCount() > 0) Workers::shared().start();
+}
+
+void concurrentPerform(size_t count, const std::function<void(size_t)>& body) {
+  if (count == 0) return;
+  Job job{count, &body};
+  size_t helpers = std::min(count - 1, Workers::shared().helperCount());
+  if (helpers == 0 || insideLoop || !Workers::shared().run(job, helpers)) job.work();
+  if (job.failure) std::rethrow_exception(job.failure);
 }
 
 }  // namespace tarvolin::platform

@@ -13,6 +13,12 @@ size_t activeProcessorCount();
 /// Calls body(i) for every i in [0, count), on min(count, activeProcessorCount()) threads
 /// including the caller, handing out indices in increasing order; returns when all are done.
 /// An exception from a body is rethrown on the caller's thread after all threads finished.
+/// The other threads are kept parked between calls. A call made from inside a body runs on the
+/// calling thread alone.
 void concurrentPerform(size_t count, const std::function<void(size_t)>& body);
+
+/// Starts the parked threads now rather than at the first concurrentPerform, so that a short
+/// command can overlap their start with its own first steps.
+void startWorkers();
 
 }  // namespace tarvolin::platform
