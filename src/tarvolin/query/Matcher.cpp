@@ -44,12 +44,14 @@ size_t forEachShard(size_t n, Body&& body) {
 // shard's list is reserved for its whole range up front (the first for all of [0, n), since the
 // others are appended to it): a reservation is only address space until it is written, so this
 // costs nothing, while growing a list by doubling copies it and touches fresh pages each time.
+// The reservations are made here, so that a scan allocates nothing on the other threads (a
+// thread's first allocation sets up its own heap, a noticeable part of a short search).
 template <typename Body>
 std::vector<Match> sharded(size_t n, Body&& body) {
   std::vector<std::vector<Match>> slots(shardCount(n));
   slots[0].reserve(n);
+  for (size_t s = 1; s < slots.size(); ++s) slots[s].reserve((n + slots.size() - 1) / slots.size());
   size_t shards = forEachShard(n, [&](size_t s, size_t begin, size_t end) {
-    if (s > 0) slots[s].reserve(end - begin);
     body(begin, end, slots[s]);
   });
   std::vector<Match> joined = std::move(slots[0]);
