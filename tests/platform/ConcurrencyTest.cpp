@@ -37,7 +37,6 @@ TEST(ConcurrentPerformTest, AFailureReachesTheCallerAndLeavesThePoolUsable) {
 // A loop started from inside a loop body runs on its caller rather than waiting for the pool.
 TEST(ConcurrentPerformTest, NestedCallsFinish) {
   std::atomic<size_t> inner{0};
-  startWorkers();
   concurrentPerform(8, [&](size_t) { concurrentPerform(16, [&](size_t) { inner.fetch_add(1); }); });
   EXPECT_EQ(inner.load(), 8u * 16u);
 }

@@ -7,7 +7,6 @@
 #include "Output.h"
 #include "tarvolin/index/PathResolver.h"
 #include "tarvolin/platform/Clock.h"
-#include "tarvolin/platform/Concurrency.h"
 #include "tarvolin/query/Matcher.h"
 #include "tarvolin/query/QueryParser.h"
 #include "tarvolin/query/Ranker.h"
@@ -41,8 +40,6 @@ void printAttributeWarning(const tarvolin::Query& query, const tarvolin::IndexSt
 }  // namespace
 
 int runSearch(const Context& context) {
-  // The matcher's threads start while the index is opened and checked.
-  tarvolin::platform::startWorkers();
   std::string text = context.text();
   std::shared_ptr<const tarvolin::IndexStore> store = openIndexOrExit(context);
   tarvolin::Query query = tarvolin::QueryParser::parse(text);

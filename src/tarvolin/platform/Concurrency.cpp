@@ -122,10 +122,6 @@ class Workers {
 
 }  // namespace
 
-void startWorkers() {
-  if (Workers::shared().helperCount() > 0) Workers::shared().start();
-}
-
 void concurrentPerform(size_t count, const std::function<void(size_t)>& body) {
   if (count == 0) return;
   Job job{count, &body};

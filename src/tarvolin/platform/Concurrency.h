@@ -17,8 +17,4 @@ size_t activeProcessorCount();
 /// calling thread alone.
 void concurrentPerform(size_t count, const std::function<void(size_t)>& body);
 
-/// Starts the parked threads now rather than at the first concurrentPerform, so that a short
-/// command can overlap their start with its own first steps.
-void startWorkers();
-
 }  // namespace tarvolin::platform
