@@ -47,8 +47,13 @@ void AtomicFile::discard() noexcept {
 }
 
 void AtomicFile::write(std::span<const uint8_t> bytes) {
+  const std::span<const uint8_t> parts[] = {bytes};
+  write(parts);
+}
+
+void AtomicFile::write(std::span<const std::span<const uint8_t>> parts) {
   try {
-    fd_.writeAll(bytes);
+    fd_.writeAll(parts);
   } catch (...) {
     discard();
     committed_ = true;  // nothing left to clean up

@@ -28,6 +28,8 @@ class AtomicFile {
   /// Appends bytes to the temporary file. Throws std::system_error.
   void write(std::span<const uint8_t> bytes);
   void write(std::string_view text);
+  /// Appends the parts in order, in one gathered write (see FileDescriptor::writeAll).
+  void write(std::span<const std::span<const uint8_t>> parts);
   /// fsync, close, rename over the target, fsync the folder. Throws std::system_error; after a
   /// failure the temporary file is gone and the target is as it was.
   void commit();

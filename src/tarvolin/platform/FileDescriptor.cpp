@@ -2,9 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <vector>
 
 #include "tarvolin/platform/SystemError.h"
 
@@ -47,6 +51,29 @@ void FileDescriptor::writeAll(std::span<const uint8_t> bytes) const {
     }
     next += written;
     left -= static_cast<size_t>(written);
+  }
+}
+
+void FileDescriptor::writeAll(std::span<const std::span<const uint8_t>> parts) const {
+  std::vector<iovec> pending;
+  for (std::span<const uint8_t> part : parts) {
+    if (!part.empty()) pending.push_back({const_cast<uint8_t*>(part.data()), part.size()});
+  }
+  size_t first = 0;
+  while (first < pending.size()) {
+    int count = static_cast<int>(std::min<size_t>(pending.size() - first, IOV_MAX));
+    ssize_t written = ::writev(fd_, pending.data() + first, count);
+    if (written < 0) {
+      if (errno == EINTR) continue;
+      throwErrno("write");
+    }
+    // Skip what was written: whole parts, then the front of a part written in part.
+    auto left = static_cast<size_t>(written);
+    while (first < pending.size() && left >= pending[first].iov_len) left -= pending[first++].iov_len;
+    if (left > 0) {
+      pending[first].iov_base = static_cast<uint8_t*>(pending[first].iov_base) + left;
+      pending[first].iov_len -= left;
+    }
   }
 }
 

@@ -35,6 +35,10 @@ class FileDescriptor {
   /// Writes every byte, repeating short writes and calls interrupted by a signal.
   /// Throws std::system_error with the errno of the failing call.
   void writeAll(std::span<const uint8_t> bytes) const;
+  /// Writes the parts one after the other, as one gathered write where the system allows: the
+  /// page cache then holds the file in pieces as large as the whole run permits, not broken at
+  /// the parts' seams. Same errors as above.
+  void writeAll(std::span<const std::span<const uint8_t>> parts) const;
   /// Flushes the file's data and metadata to the device (fsync). Throws std::system_error.
   void sync() const;
   /// The file's size from fstat. Throws std::system_error.

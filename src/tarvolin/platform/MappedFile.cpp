@@ -20,9 +20,16 @@ MappedFile MappedFile::open(const std::filesystem::path& path, bool populate) {
   if (!S_ISREG(st.st_mode)) throw Error{Failure::stat, EISDIR};
   uint64_t size = static_cast<uint64_t>(st.st_size);
   if (size == 0) return MappedFile();
-  int flags = MAP_PRIVATE | (populate ? MAP_POPULATE : 0);
-  void* data = ::mmap(nullptr, size, PROT_READ, flags, fd.get(), 0);
+  void* data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd.get(), 0);
   if (data == MAP_FAILED) throw Error{Failure::map, errno};
+  if (populate) {
+    // Parts of the file not in the page cache are read in as 2 MiB pieces, mapped by one entry
+    // each: the first touch of every 4 KiB page mapped on its own is expensive, on virtual
+    // machines most of all. Then the page tables are filled in one call. Both are hints: on
+    // kernels without them the pages are found on first use instead.
+    ::madvise(data, size, MADV_HUGEPAGE);
+    ::madvise(data, size, MADV_POPULATE_READ);
+  }
   return MappedFile(static_cast<const uint8_t*>(data), size);
 }
 
