@@ -5,6 +5,8 @@
 #include "tarvolin/index/FastHash64.h"
 #include "tarvolin/index/detail/FastHash64Core.h"
 #include "tarvolin/index/IndexError.h"
+#include "tarvolin/index/detail/RecordChecks.h"
+#include "tarvolin/platform/CpuFeatures.h"
 #include "tarvolin/platform/Unicode.h"
 
 namespace tarvolin {
@@ -29,36 +31,34 @@ bool anyNameOutside(const FileRecord* records, uint32_t count, uint32_t blobLeng
 }
 
 // The record checks ride along in the checksum pass, a group at a time while its bytes are in
-// cache, so the records are read from memory once. They are kept to the fewest operations a
-// record: the largest parent link plus one (the top marker wraps to 0), and whether a name
-// starts before the previous one ends, which also bounds every name when it never happens.
-BodyCheck checkBody(std::span<const uint8_t> body, uint32_t count, uint32_t blobLength) {
+// cache, so the records are read from memory once.
+template <bool Avx2>
+BodyCheck checkBodyWith(std::span<const uint8_t> body, uint32_t count, uint32_t blobLength) {
   FastHash64::detail::Lanes lanes;
   const auto* records = reinterpret_cast<const FileRecord*>(body.data());
-  uint32_t parentLimit = 0;  // the largest parentID + 1
-  uint64_t unordered = 0;
-  uint64_t previousEnd = 0;
-  auto note = [&](const FileRecord& r) {
-    parentLimit = std::max(parentLimit, r.parentID + 1);
-    unordered |= static_cast<uint64_t>(r.nameOffset < previousEnd);
-    previousEnd = uint64_t{r.nameOffset} + r.nameLen;
-  };
+  detail::RecordChecks checks;
   constexpr uint32_t kGroup = 64;  // 1536 bytes, 48 whole stripes
   uint32_t groups = count / kGroup;
   const uint8_t* p = body.data();
   for (uint32_t g = 0; g < groups; ++g) {
     lanes.stripes(p, kGroup * sizeof(FileRecord));
-    const FileRecord* r = records + kGroup * size_t{g};
-    for (uint32_t i = 0; i < kGroup; ++i) note(r[i]);
+    const FileRecord* group = records + kGroup * size_t{g};
+    if constexpr (Avx2) checks.noteAllAvx2(group, kGroup); else checks.noteAll(group, kGroup);
     p += kGroup * sizeof(FileRecord);
   }
-  for (uint32_t i = groups * kGroup; i < count; ++i) note(records[i]);
+  checks.noteAll(records + kGroup * size_t{groups}, count - kGroup * groups);
   size_t done = static_cast<size_t>(p - body.data());
   done += lanes.stripes(p, body.size() - done);
   uint64_t checksum = lanes.finish(body.size(), body.data() + done, body.size() - done);
-  bool inOrder = unordered == 0;
-  bool namesInside = inOrder ? previousEnd <= blobLength : !anyNameOutside(records, count, blobLength);
-  return {checksum, parentLimit <= count && namesInside, inOrder};
+  bool inOrder = !checks.unordered;
+  bool namesInside =
+      inOrder ? checks.previousEnd <= blobLength : !anyNameOutside(records, count, blobLength);
+  return {checksum, checks.parentLimit <= count && namesInside, inOrder};
+}
+
+BodyCheck checkBody(std::span<const uint8_t> body, uint32_t count, uint32_t blobLength) {
+  if (platform::hasAvx2()) return checkBodyWith<true>(body, count, blobLength);
+  return checkBodyWith<false>(body, count, blobLength);
 }
 
 }  // namespace
