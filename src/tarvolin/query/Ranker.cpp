@@ -165,6 +165,7 @@ void Ranker::makeFlat() {
   directoryCache_ = static_cast<uint32_t*>(cachePages_.data());
   // The flat memo serves many matches, which touch most of its pages: backing them in one call
   // is far cheaper than a fault each.
+  platform::adviseFillingSoon(directoryCache_, bytes);
   platform::prefaultForWriting(directoryCache_, bytes);
   for (uint64_t entry : sparseCache_) {
     if (entry != 0) directoryCache_[(entry >> 32) - 1] = static_cast<uint32_t>(entry);
