@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <exception>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 namespace tarvolin::platform {
@@ -46,10 +47,11 @@ struct Job {
   }
 };
 
-// Helper threads started once per process and parked between loops. Starting a thread costs a
-// good part of a millisecond on a virtual machine (its stack is fresh memory), which is the
-// whole budget of a short search; a parked thread wakes in microseconds.
-// The pool is never destroyed: parked threads end with the process.
+// Helper threads started by the first loop and parked between loops. Starting a thread costs a
+// good part of a millisecond on a virtual machine (its stack is fresh memory); a parked thread
+// wakes in microseconds, so commands that run many loops (a scan's levels, a benchmark's
+// queries) pay the start once. The pool is never destroyed: parked threads end with the process.
+// Should a thread fail to start, the loops run on the threads there are.
 class Workers {
  public:
   static Workers& shared() {
@@ -61,7 +63,10 @@ class Workers {
 
   void start() {
     std::call_once(started_, [this] {
-      for (size_t t = 0; t < helpers_; ++t) std::thread([this] { park(); }).detach();
+      try {
+        for (size_t t = 0; t < helpers_; ++t) std::thread([this] { park(); }).detach();
+      } catch (const std::system_error&) {
+      }
     });
   }
 
@@ -70,8 +75,8 @@ class Workers {
   bool run(Job& job, size_t wanted) {
     std::unique_lock<std::mutex> one(running_, std::try_to_lock);
     if (!one.owns_lock()) return false;
-    insideLoop = true;
     start();
+    insideLoop = true;
     {
       std::lock_guard guard(lock_);
       job_ = &job;
