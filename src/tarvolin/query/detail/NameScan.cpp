@@ -106,11 +106,18 @@ struct BlobWalker {
     return uint64_t{in.records[id].nameOffset} + in.records[id].nameLen;
   }
 
-  // First record at or after the cursor whose name ends after `position`.
+  // First record at or after the cursor whose name ends after `position`. A hit a few records
+  // on (common needles) is reached by stepping through the records in order, which the
+  // processor streams; a far one (rare needles) by galloping, then bisecting.
   [[gnu::always_inline]] inline uint32_t recordAt(uint64_t position) const {
     if (cursor >= end) return end;
     if (endOf(cursor) > position) return cursor;
-    uint32_t low = cursor, step = 1;
+    constexpr uint32_t kSteps = 16;
+    uint32_t stepEnd = end - cursor > kSteps ? cursor + kSteps : end;
+    for (uint32_t id = cursor + 1; id < stepEnd; ++id) {
+      if (endOf(id) > position) return id;
+    }
+    uint32_t low = stepEnd - 1, step = 1;
     while (low + step < end && endOf(low + step) <= position) {
       low += step;
       step *= 2;
