@@ -118,13 +118,15 @@ std::vector<Match> Matcher::match(const Query& query,
   // a one-item extension term, or the run a regular expression requires) narrows the records
   // to evaluate to those one vectorised scan finds; the evaluation over them keeps ID order, so
   // the result is the general evaluation's.
+  // Each record the scan finds is evaluated there and then, while its bytes are in cache.
   if (plain) {
     if (std::optional<std::string> literal = requiredLiteral(terms)) {
-      std::vector<Match> hits = scanNeedle(*literal);
-      // The candidates are written over the scan's own list, which is no longer needed.
-      auto* ids = reinterpret_cast<uint32_t*>(hits.data());
-      for (size_t i = 0; i < hits.size(); ++i) ids[i] = hits[i].id;
-      return evaluate(query, std::span<const uint32_t>(ids, hits.size()), /*parallel=*/true);
+      detail::Evaluator evaluator(*this, query);
+      Verdict verdict = [&evaluator](uint32_t id) -> std::optional<Match> {
+        if (auto outcome = evaluator.evaluate(id)) return Match{id, outcome->quality, outcome->offset};
+        return std::nullopt;
+      };
+      return scanNeedle(*literal, &verdict);
     }
   }
   // Everything else: the compiled evaluation over every record, sharded.
@@ -184,24 +186,24 @@ std::vector<Match> Matcher::evaluate(const Query& query,
   return sharded(n, body);
 }
 
-std::vector<Match> Matcher::scanNeedle(const std::string& needle) {
+std::vector<Match> Matcher::scanNeedle(const std::string& needle, const Verdict* verdict) {
   if (trigrams) {
-    if (auto blocks = trigrams->candidateBlocks(needle)) return blockScan(*blocks, needle);
+    if (auto blocks = trigrams->candidateBlocks(needle)) return blockScan(*blocks, needle, verdict);
   }
-  return fullScan(needle);
+  return fullScan(needle, verdict);
 }
 
-std::vector<Match> Matcher::fullScan(const std::string& needle) {
+std::vector<Match> Matcher::fullScan(const std::string& needle, const Verdict* verdict) {
   const IndexStore& store = *store_;
   detail::ScanKernel kernel = detail::preferredKernel(store);
   return sharded(store.count(), [&](size_t begin, size_t end, std::vector<Match>& out) {
     detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), needle,
-                      kernel, out);
+                      kernel, out, /*includeDeleted=*/false, verdict);
   });
 }
 
 std::vector<Match> Matcher::blockScan(const std::vector<uint32_t>& blocks,
-                                      const std::string& needle) {
+                                      const std::string& needle, const Verdict* verdict) {
   const IndexStore& store = *store_;
   uint32_t n = store.count();
   // Merge runs of consecutive blocks into ranges.
@@ -221,9 +223,10 @@ std::vector<Match> Matcher::blockScan(const std::vector<uint32_t>& blocks,
   detail::ScanKernel kernel = detail::preferredKernel(store);
   size_t workers = std::min<size_t>(total / shardUnit, platform::activeProcessorCount());
   std::vector<std::vector<Match>> slots(ranges.size());
+  for (size_t r = 0; r < ranges.size(); ++r) slots[r].reserve(ranges[r].second - ranges[r].first);
   auto scanOne = [&](size_t r) {
-    slots[r].reserve(ranges[r].second - ranges[r].first);
-    detail::scanRange(store, ranges[r].first, ranges[r].second, needle, kernel, slots[r]);
+    detail::scanRange(store, ranges[r].first, ranges[r].second, needle, kernel, slots[r],
+                      /*includeDeleted=*/false, verdict);
   };
   if (workers >= 2 && ranges.size() >= 2) {
     platform::concurrentPerform(ranges.size(), scanOne);

@@ -14,6 +14,7 @@
 // time (they fill caches); inside a call, shards run on several threads.
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <span>
@@ -70,9 +71,13 @@ class Matcher {
   friend class detail::Evaluator;
 
   /// Single-word scan: trigram blocks when they narrow the search, else the full scan.
-  std::vector<Match> scanNeedle(const std::string& needle);
-  std::vector<Match> fullScan(const std::string& needle);
-  std::vector<Match> blockScan(const std::vector<uint32_t>& blocks, const std::string& needle);
+  // Decides a record whose name holds the scanned needle (the scan kernels' verdict).
+  using Verdict = std::function<std::optional<Match>(uint32_t id)>;
+  // The records whose names hold `needle`; with a verdict, what it keeps of them.
+  std::vector<Match> scanNeedle(const std::string& needle, const Verdict* verdict = nullptr);
+  std::vector<Match> fullScan(const std::string& needle, const Verdict* verdict);
+  std::vector<Match> blockScan(const std::vector<uint32_t>& blocks, const std::string& needle,
+                               const Verdict* verdict);
   std::vector<Match> multiTokenMatch(const std::vector<Term>& terms);
   std::vector<Match> pathOnlyMatch(const std::string& needle);
   std::vector<Match> evaluate(const Query& query, std::optional<std::span<const uint32_t>> ids,

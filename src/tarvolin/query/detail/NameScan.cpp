@@ -28,15 +28,20 @@ struct ScanInput {
   const uint8_t* needle;
   size_t length;
   RecordFlags skipped;  // records with any of these flags never match
+  const RecordVerdict* verdict;  // decides the records that hold the needle, when given
 };
 
 ScanInput inputFor(const IndexStore& store, std::string_view needle) {
   return {store.records().data(), reinterpret_cast<const uint8_t*>(store.nameBlob().data()),
           store.nameBlob().size(), reinterpret_cast<const uint8_t*>(needle.data()), needle.size(),
-          RecordFlags::deleted};
+          RecordFlags::deleted, nullptr};
 }
 
 inline void emit(MatchSink& out, const ScanInput& in, uint32_t id, size_t position) {
+  if (in.verdict != nullptr) {
+    if (std::optional<Match> kept = (*in.verdict)(id)) out.push(*kept);
+    return;
+  }
   const FileRecord& record = in.records[id];
   std::string_view name(reinterpret_cast<const char*>(in.blob) + record.nameOffset, record.nameLen);
   out.push(Match{id, qualityAt(name, position, in.length), static_cast<int32_t>(position)});
@@ -259,10 +264,12 @@ ScanKernel preferredKernel(const IndexStore& store) {
 }
 
 void scanRange(const IndexStore& store, uint32_t begin, uint32_t end, std::string_view needle,
-               ScanKernel kernel, std::vector<Match>& out, bool includeDeleted) {
+               ScanKernel kernel, std::vector<Match>& out, bool includeDeleted,
+               const RecordVerdict* verdict) {
   if (needle.empty() || begin >= end) return;
   ScanInput in = inputFor(store, needle);
   if (includeDeleted) in.skipped = RecordFlags();
+  in.verdict = verdict;
   MatchSink sink(out);
   switch (kernel) {
     case ScanKernel::scalar: return scanScalar(in, begin, end, sink);

@@ -11,6 +11,8 @@
 // All functions only read the store and may run on several threads at once.
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -41,11 +43,17 @@ enum class ScanKernel { scalar, sse2, blobSse2, blobAvx2 };
 /// The fastest kernel this store and processor allow.
 ScanKernel preferredKernel(const IndexStore& store);
 
+/// Decides a record whose name holds the needle: the match to keep for it, or nothing. Called
+/// from the scanning threads.
+using RecordVerdict = std::function<std::optional<Match>(uint32_t id)>;
+
 /// Appends, in ID order, a Match for every record of [begin, end) that is not deleted (unless
 /// `includeDeleted`) and whose name contains `needle` (non-empty, lower-cased), with the first
-/// occurrence's quality and offset. REQUIRES: begin <= end <= store.count(); for blob kernels,
+/// occurrence's quality and offset; with a `verdict`, what the verdict keeps for each such
+/// record instead. REQUIRES: begin <= end <= store.count(); for blob kernels,
 /// namesInRecordOrder().
 void scanRange(const IndexStore& store, uint32_t begin, uint32_t end, std::string_view needle,
-               ScanKernel kernel, std::vector<Match>& out, bool includeDeleted = false);
+               ScanKernel kernel, std::vector<Match>& out, bool includeDeleted = false,
+               const RecordVerdict* verdict = nullptr);
 
 }  // namespace tarvolin::detail
