@@ -25,6 +25,7 @@ void adviseFillingSoon(const void* data, size_t bytes) {
 }
 
 void prefaultForWriting(void* data, size_t bytes) {
+  adviseFillingSoon(data, bytes);
 #ifdef MADV_POPULATE_WRITE
   constexpr uintptr_t kPage = 4096;
   uintptr_t first = (reinterpret_cast<uintptr_t>(data) + kPage - 1) & ~(kPage - 1);

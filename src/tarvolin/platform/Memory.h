@@ -19,8 +19,9 @@ void adviseFillingSoon(const void* data, size_t bytes);
 
 /// Backs the untouched memory [data, data + bytes) with pages now, in one call, ready to be
 /// written (MADV_POPULATE_WRITE): on virtual machines a page fault costs several times what the
-/// kernel spends filling pages in bulk. Only the whole pages inside the range are affected; the
-/// contents are not changed. Ignored where the kernel does not offer it.
+/// kernel spends filling pages in bulk. A range that can hold huge pages is first advised as by
+/// adviseFillingSoon. Only the whole pages inside the range are affected; the contents are not
+/// changed. Ignored where the kernel does not offer it.
 void prefaultForWriting(void* data, size_t bytes);
 
 /// Fresh zero-filled memory straight from the kernel (an anonymous mapping), for large tables

@@ -57,10 +57,7 @@ std::vector<Match> sharded(size_t n, Body&& body) {
   std::vector<Match> joined = std::move(slots[0]);
   size_t total = joined.size();
   for (size_t s = 1; s < shards; ++s) total += slots[s].size();
-  Match* tail = joined.data() + joined.size();
-  size_t tailBytes = (total - joined.size()) * sizeof(Match);
-  platform::adviseFillingSoon(tail, tailBytes);
-  platform::prefaultForWriting(tail, tailBytes);
+  platform::prefaultForWriting(joined.data() + joined.size(), (total - joined.size()) * sizeof(Match));
   for (size_t s = 1; s < shards; ++s) joined.insert(joined.end(), slots[s].begin(), slots[s].end());
   return joined;
 }

@@ -68,7 +68,6 @@ Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
 }
 
 int32_t Ranker::score(const Match& match) {
-  prepareCache(1);
   const FileRecord& record = (*store_)[match.id];
   bool hidden = record.flags.contains(RecordFlags::isHidden);
   int32_t depth = 0;
@@ -165,7 +164,6 @@ void Ranker::makeFlat() {
   directoryCache_ = static_cast<uint32_t*>(cachePages_.data());
   // The flat memo serves many matches, which touch most of its pages: backing them in one call
   // is far cheaper than a fault each.
-  platform::adviseFillingSoon(directoryCache_, bytes);
   platform::prefaultForWriting(directoryCache_, bytes);
   for (uint64_t entry : sparseCache_) {
     if (entry != 0) directoryCache_[(entry >> 32) - 1] = static_cast<uint32_t>(entry);
