@@ -52,10 +52,9 @@ struct FreeDeleter {
   void operator()(void* p) const { std::free(p); }
 };
 
-}  // namespace
-
-bool isValidUtf8(std::string_view bytes) {
-  size_t i = 0;
+// The end of the well-formed run of text that starts at `from`.
+size_t wellFormedEnd(std::string_view bytes, size_t from) {
+  size_t i = from;
   while (i < bytes.size()) {
     if (static_cast<unsigned char>(bytes[i]) < 0x80) {
       ++i;
@@ -63,11 +62,15 @@ bool isValidUtf8(std::string_view bytes) {
     }
     char32_t cp;
     int length = sequenceLength(bytes, i, cp);
-    if (length < 0) return false;
+    if (length < 0) break;
     i += static_cast<size_t>(length);
   }
-  return true;
+  return i;
 }
+
+}  // namespace
+
+bool isValidUtf8(std::string_view bytes) { return wellFormedEnd(bytes, 0) == bytes.size(); }
 
 char32_t decodeCodePoint(std::string_view bytes, size_t& index) {
   char32_t cp;
@@ -101,18 +104,9 @@ void appendCodePoint(std::string& out, char32_t cp) {
 void appendUtf8Lossy(std::string& out, std::string_view bytes) {
   size_t i = 0;
   while (i < bytes.size()) {
-    size_t runStart = i;
     // Copy runs of well-formed text in one append.
-    while (i < bytes.size()) {
-      if (static_cast<unsigned char>(bytes[i]) < 0x80) {
-        ++i;
-        continue;
-      }
-      char32_t cp;
-      int length = sequenceLength(bytes, i, cp);
-      if (length < 0) break;
-      i += static_cast<size_t>(length);
-    }
+    size_t runStart = i;
+    i = wellFormedEnd(bytes, i);
     out.append(bytes.data() + runStart, i - runStart);
     if (i < bytes.size()) {
       char32_t cp;
