@@ -1,7 +1,7 @@
 #pragma once
 // The building blocks of FastHash64, inline so that a caller can fuse its own per-block work
 // into the stripe loop (the index store checks records while their bytes are in cache for the
-// checksum). Only FastHash64.cpp and IndexStore.cpp use this header.
+// checksum). Only FastHash64.cpp and detail/BodyCheck.cpp use this header.
 
 #include <cstdint>
 #include <cstring>
