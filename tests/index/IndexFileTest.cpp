@@ -214,12 +214,14 @@ TEST(IndexStoreTest, AcceptsHeaderNoiseAndTrailingBytes) {
   }
 }
 
-TEST(IndexStoreTest, MissingFolderAndForgedChecksum) {
+TEST(IndexStoreTest, MissingFolderAndPipe) {
   TempTree tree;
   EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "none.bin")), RebuildReason{RebuildReason::Kind::missing});
   std::filesystem::create_directory(tree / "dir.bin");
   EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "dir.bin")), RebuildReason{RebuildReason::Kind::truncated});
-
+  // A named pipe is refused at once, not waited on for a writer.
+  ASSERT_EQ(::mkfifo((tree / "pipe.bin").c_str(), 0600), 0);
+  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "pipe.bin")), RebuildReason{RebuildReason::Kind::truncated});
 }
 
 // Records that point outside the file, with the checksum made to match: refused, not trusted.

@@ -12,11 +12,13 @@
 namespace tarvolin::platform {
 
 MappedFile MappedFile::open(const std::filesystem::path& path, bool populate) {
-  FileDescriptor fd = FileDescriptor::tryOpen(path, O_RDONLY);
+  // Non-blocking, so that a named pipe at the path is refused below instead of waiting for a
+  // writer; on a regular file the flag changes nothing.
+  FileDescriptor fd = FileDescriptor::tryOpen(path, O_RDONLY | O_NONBLOCK);
   if (!fd.valid()) throw Error{Failure::open, errno};
   struct stat st;
   if (::fstat(fd.get(), &st) != 0) throw Error{Failure::stat, errno};
-  // A directory opens read-only on Linux; it is not a file we can map.
+  // A directory or a device opens read-only on Linux; neither is a file we can map.
   if (!S_ISREG(st.st_mode)) throw Error{Failure::stat, EISDIR};
   uint64_t size = static_cast<uint64_t>(st.st_size);
   if (size == 0) return MappedFile();
