@@ -24,8 +24,7 @@ results="$(mktemp -d)"
 trap 'rm -rf "$home" "$results"' EXIT
 
 echo "Tree: $tree ($(find "$tree" | wc -l) entries), $(nproc) cores"
-HOME="$home" "$tvl" scan "$tree"
-HOME="$home" /usr/bin/time -f "  peak memory of tvl scan: %M KB" "$tvl" scan "$tree" > /dev/null
+HOME="$home" /usr/bin/time -f "  peak memory of tvl scan: %M KB" "$tvl" scan "$tree"
 index="$home/Library/Application Support/Tarvolin/index.bin"
 echo "  index size: $(( $(stat -c %s "$index") / 1024 )) KB"
 echo

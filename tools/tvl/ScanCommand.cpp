@@ -47,7 +47,6 @@ int runScan(const Context& context) {
 
   std::string indexPath = context.indexPath.string();
   try {
-    std::filesystem::create_directories(context.indexPath.parent_path());
     tarvolin::IndexWriter::write(result.builder, {{"local", root, 0, true}}, context.indexPath);
   } catch (const std::system_error& error) {
     output::errorLine("tvl: could not write the index to " + indexPath + ": " +

@@ -10,7 +10,6 @@
 #include "tarvolin/query/Matcher.h"
 #include "tarvolin/query/QueryParser.h"
 #include "tarvolin/query/Ranker.h"
-#include "tarvolin/query/SearchSession.h"
 
 namespace tvl {
 
@@ -56,11 +55,9 @@ int runSearch(const Context& context) {
   }
 
   tarvolin::Matcher matcher(store);
+  // An empty result is final: a fresh search session would parse the same text and run this
+  // same fallback over the same store.
   std::vector<tarvolin::Match> matches = matcher.matchWithFuzzyFallback(query);
-  if (matches.empty()) {
-    tarvolin::SearchSession session(store);
-    matches = session.search(text);
-  }
   tarvolin::Ranker ranker(store);
   std::vector<tarvolin::RankedResult> ranked = ranker.rank(matches, kShownResults);
   auto total = static_cast<int64_t>(matches.size());
@@ -71,8 +68,8 @@ int runSearch(const Context& context) {
     output::line("  " + resolver.absolutePath(result.match.id));
   }
   printAttributeWarning(query, *store);
-  output::format("\n%" PRId64 " matches in %.2fms (showing %" PRId64 ")%s\n", total, elapsedMs,
-                 static_cast<int64_t>(ranked.size()), "");
+  output::format("\n%" PRId64 " matches in %.2fms (showing %" PRId64 ")\n", total, elapsedMs,
+                 static_cast<int64_t>(ranked.size()));
   return 0;
 }
 
