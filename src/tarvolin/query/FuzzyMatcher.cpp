@@ -2,17 +2,14 @@
 
 #include <algorithm>
 
+#include "tarvolin/query/detail/AsciiFold.h"
+
 namespace tarvolin::FuzzyMatcher {
 
 namespace {
 
-constexpr unsigned char fold(unsigned char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<unsigned char>(c + 32) : c;
-}
-
-constexpr bool isBoundary(unsigned char c) {
-  return c == ' ' || c == '-' || c == '.' || c == '/' || c == '_';
-}
+using detail::foldAscii;
+using detail::isWordBoundaryByte;
 
 constexpr bool isUpper(unsigned char c) { return c >= 'A' && c <= 'Z'; }
 constexpr bool isLower(unsigned char c) { return c >= 'a' && c <= 'z'; }
@@ -31,18 +28,18 @@ std::optional<Result> match(std::string_view needle, std::string_view haystack) 
   int64_t penalty = 0;
   int64_t first = -1;
   int64_t last = -1;
-  if (fold(h[0]) == n[0]) {
+  if (foldAscii(h[0]) == n[0]) {
     k = 1;
     score = 10;
     first = 0;
     last = 0;
   }
   for (size_t i = 1; i < haystackLength && k < needleLength; ++i) {
-    if (fold(h[i]) != n[k]) continue;
+    if (foldAscii(h[i]) != n[k]) continue;
     const auto at = static_cast<int64_t>(i);
     if (first < 0) first = at;
     const int64_t gap = at - 1 - last;
-    const bool startsWord = isBoundary(h[i - 1]) || (isUpper(h[i]) && isLower(h[i - 1]));
+    const bool startsWord = isWordBoundaryByte(h[i - 1]) || (isUpper(h[i]) && isLower(h[i - 1]));
     if (gap == 0) {
       score += 8;
     } else if (startsWord) {

@@ -40,6 +40,19 @@ size_t forEachShard(size_t n, Body&& body) {
   return shards;
 }
 
+// The lists of `slots` one after the other, in the first one's storage when it has room (the
+// rest of it is backed in one call before the copies).
+std::vector<Match> joined(std::vector<std::vector<Match>>& slots) {
+  if (slots.empty()) return {};
+  std::vector<Match> all = std::move(slots[0]);
+  size_t total = all.size();
+  for (size_t s = 1; s < slots.size(); ++s) total += slots[s].size();
+  all.reserve(total);
+  platform::prefaultForWriting(all.data() + all.size(), (total - all.size()) * sizeof(Match));
+  for (size_t s = 1; s < slots.size(); ++s) all.insert(all.end(), slots[s].begin(), slots[s].end());
+  return all;
+}
+
 // Runs body(begin, end, out) over [0, n) in shards and joins the results in shard order. Every
 // shard's list is reserved for its whole range up front (the first for all of [0, n), since the
 // others are appended to it): a reservation is only address space until it is written, so this
@@ -54,12 +67,8 @@ std::vector<Match> sharded(size_t n, Body&& body) {
   size_t shards = forEachShard(n, [&](size_t s, size_t begin, size_t end) {
     body(begin, end, slots[s]);
   });
-  std::vector<Match> joined = std::move(slots[0]);
-  size_t total = joined.size();
-  for (size_t s = 1; s < shards; ++s) total += slots[s].size();
-  platform::prefaultForWriting(joined.data() + joined.size(), (total - joined.size()) * sizeof(Match));
-  for (size_t s = 1; s < shards; ++s) joined.insert(joined.end(), slots[s].begin(), slots[s].end());
-  return joined;
+  slots.resize(shards);
+  return joined(slots);
 }
 
 bool isNonEmptySubstring(const Term& term) {
@@ -84,9 +93,7 @@ const platform::Regex* Matcher::regexFor(const std::string& pattern) {
 const std::optional<std::string>& Matcher::regexLiteralFor(const std::string& pattern) {
   auto found = regexLiteralCache_.find(pattern);
   if (found == regexLiteralCache_.end()) {
-    std::optional<std::string> literal = RegexLiteral::required(pattern);
-    if (literal) literal = detail::lowerAscii(*literal);
-    found = regexLiteralCache_.emplace(pattern, std::move(literal)).first;
+    found = regexLiteralCache_.emplace(pattern, RegexLiteral::required(pattern)).first;
   }
   return found->second;
 }
@@ -230,9 +237,7 @@ std::vector<Match> Matcher::blockScan(const std::vector<uint32_t>& blocks,
   } else {
     for (size_t r = 0; r < ranges.size(); ++r) scanOne(r);
   }
-  std::vector<Match> joined;
-  for (const auto& slot : slots) joined.insert(joined.end(), slot.begin(), slot.end());
-  return joined;
+  return joined(slots);
 }
 
 std::vector<Match> Matcher::multiTokenMatch(const std::vector<Term>& terms) {
@@ -244,26 +249,23 @@ std::vector<Match> Matcher::multiTokenMatch(const std::vector<Term>& terms) {
   for (const Term& term : terms) {
     tokens.push_back({detail::lowerAscii(term.text()), platform::graphemeCount(term.text())});
   }
-  std::vector<size_t> order(tokens.size());
-  for (size_t i = 0; i < order.size(); ++i) order[i] = i;
-  std::stable_sort(order.begin(), order.end(),
-                   [&](size_t a, size_t b) { return tokens[a].characters > tokens[b].characters; });
-
-  for (size_t d = 0; d < std::min<size_t>(3, order.size()); ++d) {
-    size_t driver = order[d];
-    std::vector<Match> hits = scanNeedle(tokens[driver].lowered);
-    std::vector<Match> kept;
-    for (const Match& hit : hits) {
-      std::string_view name = store_->nameBytes(hit.id);
-      bool all = true;
-      for (size_t t = 0; t < tokens.size() && all; ++t) {
-        if (t != driver && detail::firstOccurrence(name, tokens[t].lowered) < 0) all = false;
-      }
-      if (all) kept.push_back(hit);
+  // The longest word (the first of equals) drives the scan; the others filter its hits. Any
+  // driver keeps the same records (those whose names hold every word) and differs only in the
+  // quality and offset reported, so when the longest finds none, no other word could: there is
+  // no second try.
+  auto longest = std::max_element(tokens.begin(), tokens.end(), [](const Token& a, const Token& b) {
+    return a.characters < b.characters;
+  });
+  auto driver = static_cast<size_t>(longest - tokens.begin());
+  std::vector<Match> hits = scanNeedle(tokens[driver].lowered);
+  std::erase_if(hits, [&](const Match& hit) {
+    std::string_view name = store_->nameBytes(hit.id);
+    for (size_t t = 0; t < tokens.size(); ++t) {
+      if (t != driver && detail::firstOccurrence(name, tokens[t].lowered) < 0) return true;
     }
-    if (!kept.empty()) return kept;
-  }
-  return {};
+    return false;
+  });
+  return hits;
 }
 
 std::vector<Match> Matcher::pathOnlyMatch(const std::string& needle) {
@@ -325,10 +327,7 @@ std::vector<Match> Matcher::matchWithFuzzyFallback(
     const Query& query, std::optional<std::span<const uint32_t>> candidates) {
   std::vector<Match> exact = match(query, candidates);
   if (exact.size() >= fuzzyFallbackThreshold) return exact;
-  if (!query.orGroups.empty() || query.andTerms.size() != 1 ||
-      query.andTerms[0].kind() != Term::Kind::substring) {
-    return exact;
-  }
+  if (!query.isSingleWord()) return exact;
   std::string needle = detail::lowerAscii(query.andTerms[0].text());
   if (!FuzzyMatcher::isEligible(needle)) return exact;
   std::vector<Match> fuzzy = fuzzyScan(needle, exact);

@@ -28,6 +28,7 @@
 #include "tarvolin/query/Match.h"
 #include "tarvolin/query/Query.h"
 #include "tarvolin/query/TrigramIndex.h"
+#include "tarvolin/query/detail/NameScan.h"
 
 namespace tarvolin {
 
@@ -72,7 +73,7 @@ class Matcher {
 
   /// Single-word scan: trigram blocks when they narrow the search, else the full scan.
   // Decides a record whose name holds the scanned needle (the scan kernels' verdict).
-  using Verdict = std::function<std::optional<Match>(uint32_t id)>;
+  using Verdict = detail::RecordVerdict;
   // The records whose names hold `needle`; with a verdict, what it keeps of them.
   std::vector<Match> scanNeedle(const std::string& needle, const Verdict* verdict = nullptr);
   std::vector<Match> fullScan(const std::string& needle, const Verdict* verdict);

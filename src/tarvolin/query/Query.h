@@ -177,6 +177,11 @@ struct Query {
 
   /// No terms and no groups.
   bool isEmpty() const { return andTerms.empty() && orGroups.empty(); }
+
+  /// True when the query is one plain word: a single substring term, no groups.
+  bool isSingleWord() const {
+    return orGroups.empty() && andTerms.size() == 1 && andTerms[0].kind() == Term::Kind::substring;
+  }
   /// Some term, at any depth of `not_`, is a size or dateModified term: the index must carry
   /// sizes and dates before the query can be answered correctly.
   bool requiresAttributes() const;

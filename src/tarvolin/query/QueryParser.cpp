@@ -10,7 +10,7 @@
 
 namespace tarvolin::QueryParser {
 
-using tarvolin::detail::characterCount;
+using tarvolin::platform::graphemeCount;
 using tarvolin::detail::characterViews;
 using tarvolin::detail::endsWithCharacter;
 using tarvolin::detail::endsWithCharacters;
@@ -87,7 +87,7 @@ Term operatorTerm(std::string_view token, std::string_view key, std::string_view
   } else if (key == "path") {
     if (!value.empty()) return Term::pathContains(std::string(value));
   } else if (key == "contains" || key == "in") {
-    if (characterCount(value) >= 2 && startsWithCharacter(value, '"') &&
+    if (graphemeCount(value) >= 2 && startsWithCharacter(value, '"') &&
         endsWithCharacter(value, '"')) {
       value = withoutFirstAndLast(value);
     }
@@ -265,7 +265,7 @@ std::optional<Term> parseToken(std::string_view token) {
   }
 
   if (startsWithCharacter(token, '"')) {
-    if (characterCount(token) >= 2 && endsWithCharacter(token, '"')) {
+    if (graphemeCount(token) >= 2 && endsWithCharacter(token, '"')) {
       std::string_view inner = withoutFirstAndLast(token);
       if (inner.empty()) return std::nullopt;
       return Term::exactPhrase(std::string(inner));
@@ -276,7 +276,7 @@ std::optional<Term> parseToken(std::string_view token) {
   }
 
   if (startsWithCharacter(token, '/')) {
-    if (characterCount(token) >= 2 && endsWithCharacter(token, '/') && looksLikeRegex(token)) {
+    if (graphemeCount(token) >= 2 && endsWithCharacter(token, '/') && looksLikeRegex(token)) {
       return Term::regex(std::string(withoutFirstAndLast(token)));
     }
     return Term::substring(std::string(token));

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "tarvolin/query/detail/AsciiFold.h"
 #include "tarvolin/query/detail/Characters.h"
 
 namespace tarvolin::RegexLiteral {
@@ -262,13 +263,11 @@ bool containsAlternation(Characters c) {
   return false;
 }
 
-char lowerAscii(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; }
-
 // The current and best runs of the pass.
 class Runs {
  public:
   void append(std::string_view bytes) {
-    for (char c : bytes) current_ += lowerAscii(c);
+    current_ += detail::lowerAscii(bytes);
   }
   /// The current run becomes the best if strictly longer; then it restarts empty.
   void flush() {

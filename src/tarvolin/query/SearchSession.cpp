@@ -5,15 +5,6 @@
 
 namespace tarvolin {
 
-namespace {
-
-bool isSingleSubstring(const Query& query) {
-  return query.orGroups.empty() && query.andTerms.size() == 1 &&
-         query.andTerms[0].kind() == Term::Kind::substring;
-}
-
-}  // namespace
-
 SearchSession::SearchSession(std::shared_ptr<const IndexStore> store)
     : matcher_(std::make_unique<Matcher>(std::move(store))) {}
 
@@ -36,9 +27,7 @@ std::optional<std::vector<uint32_t>> SearchSession::candidatePool(const std::str
       platform::graphemeCount(text) <= platform::graphemeCount(top.text)) {
     return std::nullopt;
   }
-  if (!isSingleSubstring(query) || !isSingleSubstring(QueryParser::parse(top.text))) {
-    return std::nullopt;
-  }
+  if (!query.isSingleWord() || !top.singleWord) return std::nullopt;
   std::vector<uint32_t> pool;
   pool.reserve(top.results.size());
   for (const Match& match : top.results) pool.push_back(match.id);
@@ -65,7 +54,7 @@ const std::vector<Match>& SearchSession::search(const std::string& text) {
     stack_.clear();
     results = matcher_->matchWithFuzzyFallback(query);
   }
-  stack_.push_back(Level{text, std::move(results), generation_});
+  stack_.push_back(Level{text, std::move(results), generation_, query.isSingleWord()});
   return stack_.back().results;
 }
 

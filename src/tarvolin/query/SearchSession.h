@@ -42,6 +42,7 @@ class SearchSession {
     std::string text;
     std::vector<Match> results;
     int64_t generation;
+    bool singleWord;  // the text parsed to one plain word
   };
 
   /// The previous results to re-examine, when `text` only extends the top level's single word.

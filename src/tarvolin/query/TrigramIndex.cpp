@@ -5,6 +5,7 @@
 
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/platform/AtomicFile.h"
+#include "tarvolin/query/detail/AsciiFold.h"
 #include "tarvolin/platform/MappedFile.h"
 #include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/Precondition.h"
@@ -15,16 +16,16 @@ namespace {
 
 constexpr size_t kTableEntries = size_t{1} << 24;
 
-inline uint32_t fold(uint8_t byte) { return byte >= 'A' && byte <= 'Z' ? byte + 32u : byte; }
+using detail::foldAscii;
 
 // Calls visit(key) for every trigram of `name`, in position order.
 template <typename Visit>
 inline void forEachKey(std::string_view name, Visit&& visit) {
   if (name.size() < 3) return;
   const auto* bytes = reinterpret_cast<const uint8_t*>(name.data());
-  uint32_t key = (fold(bytes[0]) << 8) | fold(bytes[1]);
+  uint32_t key = (foldAscii(bytes[0]) << 8) | foldAscii(bytes[1]);
   for (size_t i = 2; i < name.size(); ++i) {
-    key = ((key << 8) | fold(bytes[i])) & 0xFFFFFF;
+    key = ((key << 8) | foldAscii(bytes[i])) & 0xFFFFFF;
     visit(key);
   }
 }

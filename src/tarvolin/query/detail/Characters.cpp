@@ -15,12 +15,6 @@ std::vector<std::string_view> characterViews(std::string_view text) {
   return characters;
 }
 
-size_t characterCount(std::string_view text) {
-  size_t count = 0;
-  for (size_t at = 0; at < text.size(); at = platform::graphemeClusterEnd(text, at)) ++count;
-  return count;
-}
-
 bool startsWithCharacter(std::string_view text, char c) {
   return !text.empty() && text[0] == c && platform::graphemeClusterEnd(text, 0) == 1;
 }

@@ -12,9 +12,6 @@ namespace tarvolin::detail {
 /// The characters of `text`, as views into it, in order.
 std::vector<std::string_view> characterViews(std::string_view text);
 
-/// Number of characters in `text`.
-size_t characterCount(std::string_view text);
-
 /// True when `character` is exactly the single ASCII character `c`.
 inline bool isCharacter(std::string_view character, char c) {
   return character.size() == 1 && character[0] == c;

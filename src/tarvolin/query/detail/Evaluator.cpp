@@ -17,11 +17,9 @@ std::optional<std::string_view> extensionOf(std::string_view name) {
 }
 
 bool equalFoldedBytes(std::string_view a, std::string_view lowered) {
-  if (a.size() != lowered.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i) {
-    if (foldAscii(static_cast<uint8_t>(a[i])) != static_cast<uint8_t>(lowered[i])) return false;
-  }
-  return true;
+  return a.size() == lowered.size() &&
+         equalFolded(reinterpret_cast<const uint8_t*>(a.data()),
+                     reinterpret_cast<const uint8_t*>(lowered.data()), a.size());
 }
 
 std::optional<platform::TimeRange> rangeFor(const DateConstraint& constraint, int64_t now) {
@@ -107,18 +105,6 @@ void Evaluator::compile(Matcher& matcher, const Term& term, bool negated,
       break;
   }
   out.push_back(std::move(c));
-}
-
-bool Evaluator::isRecordLocal() const {
-  for (const auto& group : groups_) {
-    for (const CompiledTerm& term : group) {
-      if (term.kind == CompiledTerm::Kind::regex || term.kind == CompiledTerm::Kind::pathContains ||
-          term.kind == CompiledTerm::Kind::always) {
-        return false;
-      }
-    }
-  }
-  return true;
 }
 
 std::optional<Evaluator::Outcome> Evaluator::evaluate(uint32_t id) const {

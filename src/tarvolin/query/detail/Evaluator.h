@@ -62,9 +62,6 @@ class Evaluator {
   /// records are the caller's business.
   std::optional<Outcome> evaluate(uint32_t id) const;
 
-  /// True when every term is decided from the record alone (no expression, no path).
-  bool isRecordLocal() const;
-
  private:
   std::vector<CompiledTerm> compileList(Matcher& matcher, const std::vector<Term>& terms);
   void compile(Matcher& matcher, const Term& term, bool negated, std::vector<CompiledTerm>& out);

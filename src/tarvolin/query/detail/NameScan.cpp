@@ -12,13 +12,6 @@ namespace tarvolin::detail {
 
 namespace {
 
-inline bool equalFolded(const uint8_t* name, const uint8_t* needle, size_t length) {
-  for (size_t i = 0; i < length; ++i) {
-    if (foldAscii(name[i]) != needle[i]) return false;
-  }
-  return true;
-}
-
 inline uint8_t upperForm(uint8_t c) { return c >= 'a' && c <= 'z' ? static_cast<uint8_t>(c - 32) : c; }
 
 struct ScanInput {
@@ -234,12 +227,6 @@ struct Avx2Mask {
 }
 
 }  // namespace
-
-std::string lowerAscii(std::string_view text) {
-  std::string lowered(text);
-  for (char& c : lowered) c = static_cast<char>(foldAscii(static_cast<uint8_t>(c)));
-  return lowered;
-}
 
 int firstOccurrence(std::string_view name, std::string_view needle) {
   size_t m = needle.size();

@@ -18,17 +18,9 @@
 
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/query/Match.h"
+#include "tarvolin/query/detail/AsciiFold.h"
 
 namespace tarvolin::detail {
-
-inline uint8_t foldAscii(uint8_t c) { return c >= 'A' && c <= 'Z' ? static_cast<uint8_t>(c + 32) : c; }
-
-inline bool isWordBoundaryByte(uint8_t c) {
-  return c == ' ' || c == '-' || c == '.' || c == '/' || c == '_';
-}
-
-/// The needle as matched: ASCII letters lower-cased, other bytes unchanged.
-std::string lowerAscii(std::string_view text);
 
 /// Byte position of the first occurrence of `needle` (already lower-cased) in `name` compared
 /// ASCII-folded, or -1. An empty needle never occurs.
