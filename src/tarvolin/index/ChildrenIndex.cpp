@@ -2,12 +2,15 @@
 
 namespace tarvolin {
 
-ChildrenIndex::ChildrenIndex(const IndexStore& store) {
-  uint32_t n = store.count();
+ChildrenIndex::ChildrenIndex(std::span<const FileRecord> records, bool skipDeleted) {
+  auto n = static_cast<uint32_t>(records.size());
+  auto left = [&](const FileRecord& record) {
+    return skipDeleted && record.flags.contains(RecordFlags::deleted);
+  };
   start_.assign(uint64_t{n} + 1, 0);
   for (uint32_t id = 0; id < n; ++id) {
-    const FileRecord& record = store[id];
-    if (record.flags.contains(RecordFlags::deleted)) continue;
+    const FileRecord& record = records[id];
+    if (left(record)) continue;
     if (record.parentID == FileRecord::rootParentID) {
       roots_.push_back(id);
     } else if (record.parentID < n) {
@@ -18,8 +21,8 @@ ChildrenIndex::ChildrenIndex(const IndexStore& store) {
   ids_.assign(start_[n], 0);
   std::vector<uint32_t> cursor(start_.begin(), start_.end() - 1);
   for (uint32_t id = 0; id < n; ++id) {
-    const FileRecord& record = store[id];
-    if (record.flags.contains(RecordFlags::deleted)) continue;
+    const FileRecord& record = records[id];
+    if (left(record)) continue;
     if (record.parentID != FileRecord::rootParentID && record.parentID < n) {
       ids_[cursor[record.parentID]++] = id;
     }

@@ -14,7 +14,10 @@ class ChildrenIndex {
  public:
   /// Two passes over the records. Deleted records are neither roots nor children; links outside
   /// the table are ignored.
-  explicit ChildrenIndex(const IndexStore& store);
+  explicit ChildrenIndex(const IndexStore& store) : ChildrenIndex(store.records(), true) {}
+
+  /// The same over any record table; deleted records are left out only when `skipDeleted`.
+  ChildrenIndex(std::span<const FileRecord> records, bool skipDeleted);
 
   /// The children of `id` in ascending ID order; empty for an ID outside the table.
   std::span<const uint32_t> children(uint32_t id) const;

@@ -6,48 +6,13 @@
 #include <utility>
 #include <vector>
 
+#include "tarvolin/index/ChildrenIndex.h"
 #include "tarvolin/scan/detail/NameTable.h"
 #include "tarvolin/scan/detail/TextCompare.h"
 
 namespace tarvolin::AttributeCarryForward {
 
 namespace {
-
-constexpr uint32_t kNoParent = FileRecord::rootParentID;
-
-// Compressed child list of one record table: children of record i are
-// ids[start[i] ... start[i+1]), in record order.
-struct CSR {
-  std::vector<uint32_t> start;
-  std::vector<uint32_t> ids;
-
-  explicit CSR(std::span<const FileRecord> records) : start(records.size() + 1, 0) {
-    size_t n = records.size();
-    for (const FileRecord& record : records) {
-      if (record.parentID < n) ++start[record.parentID + 1];
-    }
-    for (size_t i = 0; i < n; ++i) start[i + 1] += start[i];
-    ids.resize(start[n]);
-    std::vector<uint32_t> next(start.begin(), start.end() - 1);
-    for (size_t i = 0; i < n; ++i) {
-      uint32_t parent = records[i].parentID;
-      if (parent < n) ids[next[parent]++] = static_cast<uint32_t>(i);
-    }
-  }
-
-  std::span<const uint32_t> of(uint32_t parent) const {
-    if (parent >= start.size() - 1) return {};
-    return {ids.data() + start[parent], ids.data() + start[parent + 1]};
-  }
-};
-
-std::vector<uint32_t> roots(std::span<const FileRecord> records) {
-  std::vector<uint32_t> ids;
-  for (size_t i = 0; i < records.size(); ++i) {
-    if (records[i].parentID == kNoParent) ids.push_back(static_cast<uint32_t>(i));
-  }
-  return ids;
-}
 
 class Matcher {
  public:
@@ -77,12 +42,12 @@ class Matcher {
   }
 
   int64_t run() {
-    CSR oldChildren(old_.records());
-    CSR newChildren(std::span<const FileRecord>(builder_.records()));
-    matchLevel(roots(old_.records()), roots(builder_.records()));
+    ChildrenIndex oldChildren(old_.records(), /*skipDeleted=*/false);
+    ChildrenIndex newChildren(builder_.records(), /*skipDeleted=*/false);
+    matchLevel(oldChildren.roots(), newChildren.roots());
     for (size_t next = 0; next < pending_.size(); ++next) {
       auto [oldID, newID] = pending_[next];
-      matchLevel(oldChildren.of(oldID), newChildren.of(newID));
+      matchLevel(oldChildren.children(oldID), newChildren.children(newID));
     }
     return carried_;
   }

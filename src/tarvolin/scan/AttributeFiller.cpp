@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "tarvolin/index/ChildrenIndex.h"
 #include "tarvolin/platform/Concurrency.h"
 #include "tarvolin/platform/DirectoryReader.h"
 #include "tarvolin/scan/detail/EntryAttributes.h"
@@ -29,27 +30,6 @@ struct Job {
   uint32_t lo;
   uint32_t hi;
   size_t pathOffset;
-};
-
-// The children of every record, grouped by parent in record order: children of record i are
-// ids[start[i] ... start[i+1]).
-struct ChildList {
-  std::vector<uint32_t> start;
-  std::vector<uint32_t> ids;
-
-  explicit ChildList(const std::vector<FileRecord>& records) : start(records.size() + 1, 0) {
-    size_t n = records.size();
-    for (const FileRecord& record : records) {
-      if (record.parentID != kNoParent && record.parentID < n) ++start[record.parentID + 1];
-    }
-    for (size_t i = 0; i < n; ++i) start[i + 1] += start[i];
-    ids.resize(start[n]);
-    std::vector<uint32_t> next(start.begin(), start.end() - 1);
-    for (size_t i = 0; i < n; ++i) {
-      uint32_t parent = records[i].parentID;
-      if (parent != kNoParent && parent < n) ids[next[parent]++] = static_cast<uint32_t>(i);
-    }
-  }
 };
 
 // Appends the path of directory `id` plus a NUL to `arena`: the names from the top record down,
@@ -125,15 +105,15 @@ void fill(IndexBuilder& builder, const std::function<bool()>& shouldContinue, bo
   const std::vector<FileRecord>& records = builder.records();
   size_t n = records.size();
   if (n == 0) return;
-  ChildList children(records);
+  ChildrenIndex children(records, /*skipDeleted=*/false);
 
   // The directories to list.
   std::vector<uint8_t> chosen(n, onlyMissing ? 0 : 1);
   if (onlyMissing) {
     for (size_t i = 0; i < n; ++i) {
       if (!records[i].flags.contains(RecordFlags::isDirectory)) continue;
-      for (uint32_t k = children.start[i]; k < children.start[i + 1]; ++k) {
-        if (records[children.ids[k]].flags.contains(RecordFlags::attrsFilled)) continue;
+      for (uint32_t child : children.children(static_cast<uint32_t>(i))) {
+        if (records[child].flags.contains(RecordFlags::attrsFilled)) continue;
         chosen[i] = 1;
         if (records[i].parentID != kNoParent && records[i].parentID < n) {
           chosen[records[i].parentID] = 1;
@@ -146,7 +126,7 @@ void fill(IndexBuilder& builder, const std::function<bool()>& shouldContinue, bo
   std::string paths;
   std::vector<std::string_view> names;
   for (size_t i = 0; i < n; ++i) {
-    uint32_t lo = children.start[i], hi = children.start[i + 1];
+    uint32_t lo = children.start()[i], hi = children.start()[i + 1];
     if (!chosen[i] || !records[i].flags.contains(RecordFlags::isDirectory) || lo == hi) continue;
     size_t offset = paths.size();
     if (!appendPath(builder, static_cast<uint32_t>(i), names, paths)) continue;
@@ -170,10 +150,10 @@ void fill(IndexBuilder& builder, const std::function<bool()>& shouldContinue, bo
       const Job& job = jobs[j];
       table.reset(job.hi - job.lo);
       for (uint32_t k = job.lo; k < job.hi; ++k) {
-        uint32_t child = children.ids[k];
+        uint32_t child = children.ids()[k];
         table.insert(builder.nameBytes(child), child);  // the later of two same names wins
       }
-      std::span<const uint32_t> childIDs(children.ids.data() + job.lo, job.hi - job.lo);
+      std::span<const uint32_t> childIDs(children.ids().data() + job.lo, job.hi - job.lo);
       detail::statByName(reader, paths.c_str() + job.pathOffset, builder, childIDs, table, results);
       covered += job.hi - job.lo;
       if (results.size() > kFlushAbove) {
