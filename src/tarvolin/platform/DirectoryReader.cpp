@@ -138,9 +138,8 @@ long DirectoryReader::fill() {
 }
 
 EntryType DirectoryReader::typeOf(const char* name) const {
-  struct stat st;
-  if (::fstatat(fd_, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return EntryType::unknown;
-  return typeFromMode(st.st_mode);
+  std::optional<EntryStatus> status = statEntry(name);
+  return status ? status->type : EntryType::unknown;
 }
 
 std::optional<EntryStatus> DirectoryReader::statEntry(const char* name) const {

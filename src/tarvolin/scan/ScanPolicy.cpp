@@ -65,14 +65,32 @@ bool anyPiece(std::string_view path, Body&& body) {
   return false;
 }
 
+// The snapshot test on a name already in comparable form.
+bool isSnapshotText(std::string_view text) {
+  constexpr std::string_view kSuffix = ".backup";
+  if (!detail::hasSuffixAsText(text, kSuffix)) return false;
+  std::string_view stamp = text.substr(0, text.size() - kSuffix.size());
+  // Seventeen characters that are each one ASCII scalar are seventeen ASCII bytes; any other
+  // byte is part of a character that fails the digit and dash tests anyway.
+  if (stamp.size() != 17) return false;
+  for (size_t i = 0; i < stamp.size(); ++i) {
+    char c = stamp[i];
+    if (i == 4 || i == 7 || i == 10) {
+      if (c != '-') return false;
+    } else if (c < '0' || c > '9') {
+      return false;
+    }
+  }
+  return true;
+}
+
 // Store test on one component in comparable form.
 bool isStoreComponent(std::string_view text) {
   for (std::string_view store : kStores) {
     if (text == store) return true;
   }
   return detail::hasSuffixAsText(text, ".backupbundle") ||
-         detail::hasSuffixAsText(text, ".sparsebundle") ||
-         ScanPolicy::isTimeMachineSnapshot(text);
+         detail::hasSuffixAsText(text, ".sparsebundle") || isSnapshotText(text);
 }
 
 // Membership as text: byte-equal first, then canonical equivalence for non-ASCII strings.
@@ -218,29 +236,14 @@ bool ScanPolicy::isBackupOrSystemStore(std::string_view path) {
 
 bool ScanPolicy::isTimeMachineSnapshot(std::string_view name) {
   std::string scratch;
-  std::string_view text = detail::comparableText(name, scratch);
-  constexpr std::string_view kSuffix = ".backup";
-  if (!detail::hasSuffixAsText(text, kSuffix)) return false;
-  std::string_view stamp = text.substr(0, text.size() - kSuffix.size());
-  // Seventeen characters that are each one ASCII scalar are seventeen ASCII bytes; any other
-  // byte is part of a character that fails the digit and dash tests anyway.
-  if (stamp.size() != 17) return false;
-  for (size_t i = 0; i < stamp.size(); ++i) {
-    char c = stamp[i];
-    if (i == 4 || i == 7 || i == 10) {
-      if (c != '-') return false;
-    } else if (c < '0' || c > '9') {
-      return false;
-    }
-  }
-  return true;
+  return isSnapshotText(detail::comparableText(name, scratch));
 }
 
 bool ScanPolicy::isTimeMachineDestination(const std::vector<std::string>& rootEntries) {
   return std::any_of(rootEntries.begin(), rootEntries.end(), [](const std::string& entry) {
     std::string scratch;
     std::string_view text = detail::comparableText(entry, scratch);
-    return text == "Backups.backupdb" || text == ".MobileBackups" || isTimeMachineSnapshot(text);
+    return text == "Backups.backupdb" || text == ".MobileBackups" || isSnapshotText(text);
   });
 }
 
