@@ -4,8 +4,6 @@
 
 #include <string>
 
-#include "tarvolin/query/MatchQuality.h"
-
 namespace tarvolin {
 namespace {
 
@@ -49,21 +47,6 @@ TEST(FuzzyMatcherTest, EligibilityAndThreshold) {
   EXPECT_FALSE(FuzzyMatcher::isEligible(std::string(33, 'x')));
   EXPECT_EQ(FuzzyMatcher::minimumScore(3), 12);
   EXPECT_EQ(FuzzyMatcher::minimumScore(32), 128);
-}
-
-TEST(MatchQualityTest, OrderAndRawValues) {
-  for (uint8_t raw = 0; raw < 5; ++raw) {
-    ASSERT_TRUE(matchQuality(raw).has_value());
-    EXPECT_EQ(rawValue(*matchQuality(raw)), raw);
-    EXPECT_EQ(allMatchQualities[raw], *matchQuality(raw));
-    if (raw > 0) {
-      EXPECT_LT(allMatchQualities[raw - 1], allMatchQualities[raw]);
-    }
-  }
-  EXPECT_EQ(matchQuality(5), std::nullopt);
-  EXPECT_EQ(matchQuality(255), std::nullopt);
-  EXPECT_LT(MatchQuality::exact, MatchQuality::fuzzy);
-  EXPECT_EQ(rawValue(MatchQuality::wordBoundary), 2);
 }
 
 }  // namespace

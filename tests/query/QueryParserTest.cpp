@@ -218,11 +218,5 @@ TEST(QueryParserTest, SplitTopLevelOr) {
   }
 }
 
-TEST(QueryParserTest, OperatorKeys) {
-  EXPECT_EQ(QueryParser::operatorKeys(),
-            (std::set<std::string, std::less<>>{"ext", "path", "contains", "in", "folder", "app",
-                                                "file", "size", "dm"}));
-}
-
 }  // namespace
 }  // namespace tarvolin

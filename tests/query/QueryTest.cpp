@@ -97,15 +97,6 @@ TEST(QueryTest, EqualityIsStructuralWithStringsComparedAsText) {
   EXPECT_NE((Query{.andTerms = {sub("a")}}), (Query{.orGroups = {{sub("a")}}}));
 }
 
-TEST(QueryTest, SizeComparisonIsStrictExceptEqualTo) {
-  EXPECT_TRUE(SizeComparison::greaterThan(10).holds(11));
-  EXPECT_FALSE(SizeComparison::greaterThan(10).holds(10));
-  EXPECT_TRUE(SizeComparison::lessThan(10).holds(9));
-  EXPECT_FALSE(SizeComparison::lessThan(10).holds(10));
-  EXPECT_TRUE(SizeComparison::equalTo(10).holds(10));
-  EXPECT_FALSE(SizeComparison::equalTo(10).holds(11));
-}
-
 TEST(QueryTest, DeepNotChainsCompareByParity) {
   Term a = sub("x");
   Term b = sub("x");
