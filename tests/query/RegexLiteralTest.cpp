@@ -1,12 +1,13 @@
 #include "tarvolin/query/RegexLiteral.h"
 
-#define PCRE2_CODE_UNIT_WIDTH 8
 #include <gtest/gtest.h>
-#include <pcre2.h>
 
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "tarvolin/platform/Regex.h"
+#include "tarvolin/query/detail/AsciiFold.h"
 
 namespace tarvolin {
 namespace {
@@ -16,21 +17,10 @@ namespace {
 ::testing::AssertionResult runOccursInMatch(const std::string& pattern,
                                             const std::optional<std::string>& run,
                                             const std::string& name) {
-  int error = 0;
-  PCRE2_SIZE offset = 0;
-  pcre2_code* code =
-      pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-                    PCRE2_UTF | PCRE2_UCP | PCRE2_CASELESS, &error, &offset, nullptr);
-  if (code == nullptr) return ::testing::AssertionFailure() << "does not compile";
-  pcre2_match_data* data = pcre2_match_data_create_from_pattern(code, nullptr);
-  int matched = pcre2_match(code, reinterpret_cast<PCRE2_SPTR>(name.data()), name.size(), 0, 0,
-                            data, nullptr);
-  pcre2_match_data_free(data);
-  pcre2_code_free(code);
-  if (matched < 0) return ::testing::AssertionFailure() << "example does not match: " << name;
-  std::string folded = name;
-  for (char& c : folded) c = (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
-  if (run && folded.find(*run) == std::string::npos) {
+  std::optional<platform::Regex> regex = platform::Regex::compile(pattern);
+  if (!regex) return ::testing::AssertionFailure() << "does not compile";
+  if (!regex->search(name)) return ::testing::AssertionFailure() << "example does not match: " << name;
+  if (run && detail::lowerAscii(name).find(*run) == std::string::npos) {
     return ::testing::AssertionFailure() << "run '" << *run << "' is not in " << name;
   }
   return ::testing::AssertionSuccess();
