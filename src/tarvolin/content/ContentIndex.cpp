@@ -1,0 +1,258 @@
+#include "tarvolin/content/ContentIndex.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <limits>
+#include <optional>
+#include <system_error>
+
+#include "tarvolin/content/ContentIndexError.h"
+#include "tarvolin/content/ContentIndexTable.h"
+#include "tarvolin/content/detail/ContentScan.h"
+#include "tarvolin/platform/AtomicFile.h"
+#include "tarvolin/platform/Unicode.h"
+
+namespace tarvolin {
+
+namespace {
+
+struct Range {
+  size_t start;
+  size_t end;
+};
+
+// The part of a stored range that lies inside a blob of `blobSize` bytes; nothing for a negative
+// offset or length, or a range that is empty after clamping.
+std::optional<Range> clamped(const ContentIndex::Document& document, size_t blobSize) {
+  if (document.offset < 0 || document.length < 0) return std::nullopt;
+  auto start = static_cast<uint64_t>(document.offset);
+  if (start >= blobSize) return std::nullopt;
+  uint64_t length = std::min<uint64_t>(static_cast<uint64_t>(document.length), blobSize - start);
+  if (length == 0) return std::nullopt;
+  return Range{static_cast<size_t>(start), static_cast<size_t>(start + length)};
+}
+
+std::string_view asText(std::span<const uint8_t> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+// The line around `line` ([start, end) of one document's text), decoded with replacement,
+// trimmed of horizontal white space at both ends and cut to `characters` grapheme clusters.
+// Only the characters kept are walked: a line of megabytes costs no more than a short one.
+std::string previewOf(std::string_view line, size_t characters) {
+  size_t start = 0;
+  while (start < line.size()) {
+    size_t next = start;
+    if (!platform::isHorizontalWhitespace(platform::decodeCodePoint(line, next))) break;
+    start = next;
+  }
+  size_t cut = start;
+  for (size_t kept = 0; kept < characters && cut < line.size(); ++kept) {
+    cut = platform::graphemeClusterEnd(line, cut);
+  }
+  std::string preview = platform::decodeUtf8Lossy(line.substr(start, cut - start));
+  // Everything after the last character that is not white space goes; once the cut stops
+  // short of the line's end that may be nothing at all.
+  size_t keep = 0;
+  for (size_t at = 0; at < preview.size();) {
+    char32_t codePoint = platform::decodeCodePoint(preview, at);
+    if (!platform::isHorizontalWhitespace(codePoint)) keep = at;
+  }
+  preview.resize(keep);
+  return preview;
+}
+
+[[noreturn]] void throwReadFailure(const std::filesystem::path& path, int errorNumber) {
+  throw std::filesystem::filesystem_error(
+      "read", path, std::error_code(errorNumber != 0 ? errorNumber : EIO, std::generic_category()));
+}
+
+// Reads up to `count` bytes into `out`; returns how many arrived (fewer when the file shrank).
+size_t readUpTo(std::ifstream& in, uint8_t* out, size_t count) {
+  in.read(reinterpret_cast<char*>(out), static_cast<std::streamsize>(count));
+  return static_cast<size_t>(in.gcount());
+}
+
+uint32_t littleEndian32(const uint8_t* bytes) {
+  return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
+         uint32_t{bytes[3]} << 24;
+}
+
+}  // namespace
+
+ContentIndex::ContentIndex(std::vector<Document> documents, std::vector<uint8_t> blob)
+    : documents_(std::move(documents)), blob_(std::move(blob)) {}
+
+std::vector<ContentIndex::Hit> ContentIndex::search(std::string_view query, int64_t limit) const {
+  std::vector<Hit> hits;
+  const std::string needleText = platform::lowercase(query);
+  if (needleText.empty() || blob_.empty() || documents_.empty()) return hits;
+  const std::span<const uint8_t> needle(reinterpret_cast<const uint8_t*>(needleText.data()),
+                                        needleText.size());
+  const detail::ContentScanKernel kernel = detail::preferredContentKernel();
+  const std::span<const uint8_t> blob(blob_);
+  for (const Document& document : documents_) {
+    if (static_cast<int64_t>(hits.size()) >= limit) break;
+    std::optional<Range> range = clamped(document, blob.size());
+    if (!range || range->end - range->start < needle.size()) continue;
+    size_t match = detail::findFirst(blob, range->start, range->end, needle, kernel);
+    if (match == detail::notFound) continue;
+    std::string_view text = asText(blob.subspan(range->start, range->end - range->start));
+    size_t at = match - range->start;
+    size_t lineStart = 0;
+    if (at > 0) {
+      size_t feed = text.rfind('\n', at - 1);
+      if (feed != std::string_view::npos) lineStart = feed + 1;
+    }
+    size_t lineEnd = text.find('\n', at);
+    if (lineEnd == std::string_view::npos) lineEnd = text.size();
+    int64_t line = 1 + static_cast<int64_t>(detail::countLineFeeds(blob.subspan(range->start, at)));
+    hits.push_back(Hit{document.path, line,
+                       previewOf(text.substr(lineStart, lineEnd - lineStart), previewCharacters)});
+  }
+  return hits;
+}
+
+ContentIndex::Results ContentIndex::searchAll(std::string_view query, int64_t limit) const {
+  limit = std::max<int64_t>(limit, 0);
+  const int64_t asked = limit == std::numeric_limits<int64_t>::max() ? limit : limit + 1;
+  Results results{search(query, asked), false};
+  if (static_cast<int64_t>(results.hits.size()) > limit) {
+    results.hits.resize(static_cast<size_t>(limit));
+    results.truncated = true;
+  }
+  return results;
+}
+
+void ContentIndex::upsert(std::string path, double modified, std::string_view text) {
+  const std::string lowered = platform::lowercase(text);
+  remove(path);
+  documents_.push_back(Document{std::move(path), modified, static_cast<int64_t>(blob_.size()),
+                                static_cast<int64_t>(lowered.size())});
+  blob_.insert(blob_.end(), lowered.begin(), lowered.end());
+}
+
+bool ContentIndex::remove(std::string_view path) {
+  auto found = std::find_if(documents_.begin(), documents_.end(),
+                            [&](const Document& document) { return document.path == path; });
+  if (found == documents_.end()) return false;
+  deadBytes_ += found->length;
+  documents_.erase(found);
+  return true;
+}
+
+int64_t ContentIndex::remove(const std::unordered_set<std::string>& paths) {
+  if (paths.empty()) return 0;
+  const size_t before = documents_.size();
+  int64_t freed = 0;
+  std::erase_if(documents_, [&](const Document& document) {
+    if (!paths.contains(document.path)) return false;
+    freed += document.length;
+    return true;
+  });
+  deadBytes_ += freed;
+  return static_cast<int64_t>(before - documents_.size());
+}
+
+bool ContentIndex::isStale(std::string_view path, double modified) const {
+  for (const Document& document : documents_) {
+    if (document.path == path) return document.modified + mtimeTolerance < modified;
+  }
+  return true;
+}
+
+bool ContentIndex::compactIfNeeded(double threshold) {
+  if (blob_.empty()) return false;
+  if (!(static_cast<double>(deadBytes_) / static_cast<double>(blob_.size()) > threshold)) {
+    return false;
+  }
+  std::vector<Document> sorted = documents_;
+  std::stable_sort(sorted.begin(), sorted.end(),
+                   [](const Document& a, const Document& b) { return a.path < b.path; });
+  std::vector<uint8_t> blob;
+  int64_t live = static_cast<int64_t>(blob_.size()) - deadBytes_;
+  if (live > 0) blob.reserve(static_cast<size_t>(live));
+  std::vector<Document> table;
+  table.reserve(sorted.size());
+  for (Document& document : sorted) {
+    // Ranges that start past the blob, or are negative, leave nothing to keep; a range that
+    // reaches past the blob keeps the part inside it.
+    if (document.offset < 0 || document.length < 0 ||
+        static_cast<uint64_t>(document.offset) > blob_.size()) {
+      continue;
+    }
+    const auto start = static_cast<size_t>(document.offset);
+    const size_t end = start + static_cast<size_t>(std::min<uint64_t>(
+                                   static_cast<uint64_t>(document.length), blob_.size() - start));
+    table.push_back(Document{std::move(document.path), document.modified,
+                             static_cast<int64_t>(blob.size()), static_cast<int64_t>(end - start)});
+    blob.insert(blob.end(), blob_.begin() + static_cast<ptrdiff_t>(start),
+                blob_.begin() + static_cast<ptrdiff_t>(end));
+  }
+  documents_ = std::move(table);
+  blob_ = std::move(blob);
+  deadBytes_ = 0;
+  return true;
+}
+
+void ContentIndex::write(const std::filesystem::path& path) const {
+  const std::string table = ContentIndexTable::encode(documents_);
+  if (table.size() > std::numeric_limits<uint32_t>::max()) {
+    throw ContentIndexError::tableTooLarge();
+  }
+  const auto length = static_cast<uint32_t>(table.size());
+  const std::array<uint8_t, 4> prefix = {
+      static_cast<uint8_t>(length), static_cast<uint8_t>(length >> 8),
+      static_cast<uint8_t>(length >> 16), static_cast<uint8_t>(length >> 24)};
+  const std::array<std::span<const uint8_t>, 3> parts = {
+      std::span<const uint8_t>(prefix),
+      std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(table.data()), table.size()),
+      std::span<const uint8_t>(blob_)};
+  platform::AtomicFile file(path);
+  file.write(std::span<const std::span<const uint8_t>>(parts));
+  file.commit();
+}
+
+ContentIndex ContentIndex::read(const std::filesystem::path& path) {
+  std::error_code error;
+  // Anything but a regular file (a folder, a named pipe) is refused before it is opened, so a
+  // pipe at the path cannot stall the reader.
+  std::filesystem::file_status status = std::filesystem::status(path, error);
+  if (error) throw std::filesystem::filesystem_error("read", path, error);
+  if (!std::filesystem::is_regular_file(status)) throwReadFailure(path, EISDIR);
+  uintmax_t size = std::filesystem::file_size(path, error);
+  if (error) throw std::filesystem::filesystem_error("read", path, error);
+  errno = 0;
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throwReadFailure(path, errno);
+
+  std::array<uint8_t, 4> prefix;
+  if (size < prefix.size() || readUpTo(in, prefix.data(), prefix.size()) < prefix.size()) {
+    return ContentIndex();
+  }
+  const uint32_t tableBytes = littleEndian32(prefix.data());
+  if (size - prefix.size() < tableBytes) return ContentIndex();
+  std::string table(tableBytes, '\0');
+  if (readUpTo(in, reinterpret_cast<uint8_t*>(table.data()), tableBytes) < tableBytes) {
+    return ContentIndex();
+  }
+  std::vector<Document> documents = ContentIndexTable::decode(table);
+  std::vector<uint8_t> blob(static_cast<size_t>(size - prefix.size() - tableBytes));
+  blob.resize(readUpTo(in, blob.data(), blob.size()));
+  if (in.bad()) throwReadFailure(path, errno);
+  return ContentIndex(std::move(documents), std::move(blob));
+}
+
+ContentIndex ContentIndex::decode(std::span<const uint8_t> file) {
+  if (file.size() < 4) return ContentIndex();
+  const uint32_t tableBytes = littleEndian32(file.data());
+  if (file.size() - 4 < tableBytes) return ContentIndex();
+  std::vector<Document> documents = ContentIndexTable::decode(asText(file.subspan(4, tableBytes)));
+  std::span<const uint8_t> blob = file.subspan(4 + size_t{tableBytes});
+  return ContentIndex(std::move(documents), std::vector<uint8_t>(blob.begin(), blob.end()));
+}
+
+}  // namespace tarvolin

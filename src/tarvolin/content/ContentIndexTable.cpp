@@ -1,0 +1,239 @@
+#include "tarvolin/content/ContentIndexTable.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <nlohmann/json.hpp>
+
+#include "tarvolin/content/ContentIndexError.h"
+#include "tarvolin/platform/Unicode.h"
+
+namespace tarvolin::ContentIndexTable {
+
+namespace {
+
+void appendEscaped(std::string& out, std::string_view text) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  out.push_back('"');
+  size_t runStart = 0;
+  for (size_t i = 0; i < text.size(); ++i) {
+    auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c != '"' && c != '\\') continue;
+    out.append(text.data() + runStart, i - runStart);
+    runStart = i + 1;
+    switch (c) {
+      case '"':
+        out.append("\\\"");
+        break;
+      case '\\':
+        out.append("\\\\");
+        break;
+      case '\n':
+        out.append("\\n");
+        break;
+      case '\r':
+        out.append("\\r");
+        break;
+      case '\t':
+        out.append("\\t");
+        break;
+      case '\b':
+        out.append("\\b");
+        break;
+      case '\f':
+        out.append("\\f");
+        break;
+      default:
+        out.append("\\u00");
+        out.push_back(kHex[c >> 4]);
+        out.push_back(kHex[c & 0xF]);
+    }
+  }
+  out.append(text.data() + runStart, text.size() - runStart);
+  out.push_back('"');
+}
+
+template <typename Number>
+void appendNumber(std::string& out, Number value) {
+  char buffer[32];
+  auto [end, error] = std::to_chars(buffer, buffer + sizeof buffer, value);
+  out.append(buffer, end);
+}
+
+// Accepts exactly an array of objects; inside an object the four known members are typed and
+// stored, other members (of any shape) are skipped.
+class TableReader : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  std::vector<ContentIndex::Document> documents;
+
+  bool null() override { return scalar(); }
+  bool boolean(bool) override { return scalar(); }
+  bool number_integer(number_integer_t value) override {
+    if (skipping()) return true;
+    switch (member_) {
+      case Member::path:
+        return false;
+      case Member::modified:
+        document_.modified = static_cast<double>(value);
+        return mark(kModified);
+      case Member::offset:
+        document_.offset = value;
+        return mark(kOffset);
+      case Member::length:
+        document_.length = value;
+        return mark(kLength);
+      case Member::other:
+        return inObject();
+    }
+    return false;
+  }
+  bool number_unsigned(number_unsigned_t value) override {
+    if (skipping()) return true;
+    if (member_ == Member::modified) {
+      document_.modified = static_cast<double>(value);
+      return mark(kModified);
+    }
+    if (member_ == Member::offset || member_ == Member::length) {
+      if (value > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
+      return number_integer(static_cast<int64_t>(value));
+    }
+    return member_ == Member::other && inObject();
+  }
+  bool number_float(number_float_t value, const string_t&) override {
+    if (skipping()) return true;
+    if (member_ == Member::modified) {
+      document_.modified = value;
+      return mark(kModified);
+    }
+    return member_ == Member::other && inObject();
+  }
+  bool string(string_t& value) override {
+    if (skipping()) return true;
+    if (member_ == Member::path) {
+      document_.path = std::move(value);
+      return mark(kPath);
+    }
+    return member_ == Member::other && inObject();
+  }
+  bool binary(binary_t&) override { return false; }
+
+  bool start_object(std::size_t) override {
+    if (skipping() || (depth_ == 2 && member_ == Member::other)) return enterSkipped();
+    if (depth_ != 1) return false;
+    depth_ = 2;
+    seen_ = 0;
+    member_ = Member::other;
+    document_ = {};
+    return true;
+  }
+  bool key(string_t& name) override {
+    if (skipping()) return true;
+    if (depth_ != 2) return false;
+    member_ = name.size() != 1 ? Member::other
+              : name[0] == 'p' ? Member::path
+              : name[0] == 'm' ? Member::modified
+              : name[0] == 'o' ? Member::offset
+              : name[0] == 'l' ? Member::length
+                               : Member::other;
+    return true;
+  }
+  bool end_object() override {
+    if (skipping()) return leaveSkipped();
+    if (depth_ != 2 || seen_ != kAll) return false;
+    documents.push_back(std::move(document_));
+    depth_ = 1;
+    member_ = Member::other;
+    return true;
+  }
+  bool start_array(std::size_t) override {
+    if (skipping() || (depth_ == 2 && member_ == Member::other)) return enterSkipped();
+    if (depth_ != 0 || started_) return false;
+    depth_ = 1;
+    started_ = true;
+    return true;
+  }
+  bool end_array() override {
+    if (skipping()) return leaveSkipped();
+    if (depth_ != 1) return false;
+    depth_ = 0;
+    return true;
+  }
+  bool parse_error(std::size_t position, const std::string&,
+                   const nlohmann::detail::exception&) override {
+    errorAt_ = position;
+    return false;
+  }
+
+  size_t errorAt() const { return errorAt_; }
+  bool complete() const { return started_ && depth_ == 0; }
+
+ private:
+  enum class Member { path, modified, offset, length, other };
+  static constexpr unsigned kPath = 1, kModified = 2, kOffset = 4, kLength = 8, kAll = 15;
+
+  bool skipping() const { return skipDepth_ > 0; }
+  bool inObject() const { return depth_ == 2; }
+  bool scalar() { return skipping() || (member_ == Member::other && inObject()); }
+  bool enterSkipped() {
+    ++skipDepth_;
+    return true;
+  }
+  bool leaveSkipped() {
+    --skipDepth_;
+    return true;
+  }
+  bool mark(unsigned bit) {
+    if (!inObject()) return false;
+    seen_ |= bit;
+    return true;
+  }
+
+  ContentIndex::Document document_;
+  Member member_ = Member::other;
+  unsigned seen_ = 0;
+  int depth_ = 0;  // 0 outside, 1 in the array, 2 in an object
+  size_t skipDepth_ = 0;
+  bool started_ = false;
+  size_t errorAt_ = 0;
+};
+
+}  // namespace
+
+std::string encode(const std::vector<ContentIndex::Document>& documents) {
+  std::string out;
+  out.reserve(documents.size() * 96 + 2);
+  std::string valid;
+  out.push_back('[');
+  for (size_t i = 0; i < documents.size(); ++i) {
+    const ContentIndex::Document& document = documents[i];
+    if (!std::isfinite(document.modified)) throw ContentIndexError::unencodableTime();
+    if (i > 0) out.push_back(',');
+    out.append("{\"p\":");
+    if (platform::isValidUtf8(document.path)) {
+      appendEscaped(out, document.path);
+    } else {
+      valid = platform::decodeUtf8Lossy(document.path);
+      appendEscaped(out, valid);
+    }
+    out.append(",\"m\":");
+    appendNumber(out, document.modified);
+    out.append(",\"o\":");
+    appendNumber(out, document.offset);
+    out.append(",\"l\":");
+    appendNumber(out, document.length);
+    out.push_back('}');
+  }
+  out.push_back(']');
+  return out;
+}
+
+std::vector<ContentIndex::Document> decode(std::string_view json) {
+  TableReader reader;
+  bool parsed = nlohmann::json::sax_parse(json.begin(), json.end(), &reader,
+                                          nlohmann::json::input_format_t::json, true, false);
+  if (!parsed || !reader.complete()) throw ContentIndexError::malformedTable(reader.errorAt());
+  return std::move(reader.documents);
+}
+
+}  // namespace tarvolin::ContentIndexTable
