@@ -7,6 +7,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
+#include <ctime>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -43,6 +45,22 @@ const std::string& benchTree() {
   return tree;
 }
 
+// Processors kept busy across the timed loop: the process's CPU time (every thread's, as clock()
+// counts it) over wall time. A parallel step near 1.0 runs on one thread.
+class BusyMeter {
+ public:
+  BusyMeter() : cpu_(std::clock()), wall_(std::chrono::steady_clock::now()) {}
+  void report(benchmark::State& state) const {
+    double cpu = static_cast<double>(std::clock() - cpu_) / CLOCKS_PER_SEC;
+    double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - wall_).count();
+    state.counters["cpu/wall"] = wall > 0 ? cpu / wall : 0;
+  }
+
+ private:
+  std::clock_t cpu_;
+  std::chrono::steady_clock::time_point wall_;
+};
+
 DirectoryScanner scanner(int64_t seedDepth) {
   return DirectoryScanner(ScanPolicy{ScanPolicy::defaultExclusions()}, seedDepth, 0.1, "");
 }
@@ -51,10 +69,12 @@ void BM_DirectoryScanner_Scan(benchmark::State& state) {
   DirectoryScanner scan = scanner(state.range(0));
   int64_t entries = scan.scan(benchTree(), 0).entriesScanned;
   if (entries == 0) state.SkipWithError("empty tree");
+  BusyMeter busy;
   for (auto _ : state) {
     ScanResult result = scan.scan(benchTree(), 0);
     benchmark::DoNotOptimize(result.builder.recordCount());
   }
+  busy.report(state);
   state.SetItemsProcessed(state.iterations() * entries);
   state.counters["entries"] = static_cast<double>(entries);
 }
@@ -67,9 +87,11 @@ void BM_AttributeFiller_Fill(benchmark::State& state) {
   if (!builder.records().back().flags.contains(RecordFlags::attrsFilled)) {
     state.SkipWithError("fill left records empty");
   }
+  BusyMeter busy;
   for (auto _ : state) {
     AttributeFiller::fill(builder, [] { return true; }, false, appetite, nullptr);
   }
+  busy.report(state);
   state.SetItemsProcessed(state.iterations() * builder.recordCount());
   state.counters["records"] = builder.recordCount();
 }

@@ -46,10 +46,13 @@ scan = {r["command"]: r for r in json.load(open(sys.argv[1]))["results"]}
 fill = [b for b in json.load(open(sys.argv[2]))["benchmarks"]
         if b.get("aggregate_name") == "median"][0]
 fill_s = fill["real_time"] / 1000.0  # milliseconds
+def busy(name):  # processors busy: CPU (user + sys) over wall
+    r = scan[name]
+    return f"cpu/wall {(r['user'] + r['system']) / r['mean']:.2f}"
 print()
-print(f"tvl scan            {scan['tvl']['mean']:.3f} s")
-print(f"fd -uu              {scan['fd']['mean']:.3f} s   tvl/fd   = {scan['tvl']['mean'] / scan['fd']['mean']:.2f}")
-print(f"find                {scan['find']['mean']:.3f} s   tvl/find = {scan['tvl']['mean'] / scan['find']['mean']:.2f}")
-print(f"AttributeFiller     {fill_s:.3f} s (median)")
+print(f"tvl scan            {scan['tvl']['mean']:.3f} s   {busy('tvl')}")
+print(f"fd -uu              {scan['fd']['mean']:.3f} s   {busy('fd')}   tvl/fd   = {scan['tvl']['mean'] / scan['fd']['mean']:.2f}")
+print(f"find                {scan['find']['mean']:.3f} s   {busy('find')}   tvl/find = {scan['tvl']['mean'] / scan['find']['mean']:.2f}")
+print(f"AttributeFiller     {fill_s:.3f} s (median)   cpu/wall {fill.get('cpu/wall', 0):.2f}")
 print(f"find -printf        {scan['find-printf']['mean']:.3f} s   fill/find-printf = {fill_s / scan['find-printf']['mean']:.2f}")
 PYTHON

@@ -11,6 +11,11 @@
 namespace tarvolin::testing {
 
 ToolResult runTool(const std::vector<std::string>& args, const std::string& home) {
+  return runProgram(TVL_PATH, args, home);
+}
+
+ToolResult runProgram(const std::string& program, const std::vector<std::string>& args,
+                      const std::string& home) {
   int outPipe[2], errPipe[2];
   if (pipe(outPipe) != 0 || pipe(errPipe) != 0) throw std::runtime_error("pipe");
   pid_t child = fork();
@@ -20,14 +25,14 @@ ToolResult runTool(const std::vector<std::string>& args, const std::string& home
     dup2(errPipe[1], 2);
     close(outPipe[0]);
     close(errPipe[0]);
-    setenv("HOME", home.c_str(), 1);
+    if (!home.empty()) setenv("HOME", home.c_str(), 1);
     std::vector<char*> argv;
-    std::string program = TVL_PATH;
-    argv.push_back(program.data());
+    std::string path = program;
+    argv.push_back(path.data());
     std::vector<std::string> copies = args;
     for (std::string& arg : copies) argv.push_back(arg.data());
     argv.push_back(nullptr);
-    execv(program.c_str(), argv.data());
+    execv(path.c_str(), argv.data());
     _exit(127);
   }
   close(outPipe[1]);

@@ -61,10 +61,18 @@ class Workers {
 
   size_t helperCount() const { return helpers_; }
 
+  // Starts the helpers before the first job is posted. Each helper is handed the generation it
+  // was started at, so a job posted before the helper first takes the lock is still new to it.
   void start() {
     std::call_once(started_, [this] {
+      uint64_t startedAt;
+      {
+        std::lock_guard guard(lock_);
+        startedAt = generation_;
+      }
       try {
-        for (size_t t = 0; t < helpers_; ++t) std::thread([this] { park(); }).detach();
+        for (size_t t = 0; t < helpers_; ++t)
+          std::thread([this, startedAt] { park(startedAt); }).detach();
       } catch (const std::system_error&) {
       }
     });
@@ -96,10 +104,9 @@ class Workers {
  private:
   explicit Workers(size_t helpers) : helpers_(helpers) {}
 
-  void park() {
+  void park(uint64_t seen) {
     insideLoop = true;
     std::unique_lock guard(lock_);
-    uint64_t seen = generation_;
     while (true) {
       wake_.wait(guard, [&] { return generation_ != seen; });
       seen = generation_;
