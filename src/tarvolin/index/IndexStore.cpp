@@ -13,7 +13,7 @@ IndexStore::IndexStore(const std::filesystem::path& path) {
   try {
     // The checksum reads every page right away, so let the kernel fault them in at once.
     file_ = platform::MappedFile::open(path, /*populate=*/true);
-  } catch (const platform::MappedFile::Error&) {
+  } catch (const std::system_error&) {
     throw IndexError::truncated();
   }
   header_ = IndexHeader::decode(file_.bytes());  // a file shorter than a header is truncated

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "tarvolin/platform/FileDescriptor.h"
+#include "tarvolin/platform/SystemError.h"
 
 namespace tarvolin::platform {
 
@@ -15,15 +16,15 @@ MappedFile MappedFile::open(const std::filesystem::path& path, bool populate) {
   // Non-blocking, so that a named pipe at the path is refused below instead of waiting for a
   // writer; on a regular file the flag changes nothing.
   FileDescriptor fd = FileDescriptor::tryOpen(path, O_RDONLY | O_NONBLOCK);
-  if (!fd.valid()) throw Error{Failure::open, errno};
+  if (!fd.valid()) throwErrno("open " + path.string());
   struct stat st;
-  if (::fstat(fd.get(), &st) != 0) throw Error{Failure::stat, errno};
+  if (::fstat(fd.get(), &st) != 0) throwErrno("fstat " + path.string());
   // A directory or a device opens read-only on Linux; neither is a file we can map.
-  if (!S_ISREG(st.st_mode)) throw Error{Failure::stat, EISDIR};
+  if (!S_ISREG(st.st_mode)) throwSystemError(EISDIR, "not a regular file: " + path.string());
   uint64_t size = static_cast<uint64_t>(st.st_size);
   if (size == 0) return MappedFile();
   void* data = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd.get(), 0);
-  if (data == MAP_FAILED) throw Error{Failure::map, errno};
+  if (data == MAP_FAILED) throwErrno("mmap " + path.string());
   if (populate) {
     // Parts of the file not in the page cache are read in as 2 MiB pieces, mapped by one entry
     // each: the first touch of every 4 KiB page mapped on its own is expensive, on virtual

@@ -6,21 +6,18 @@
 #include <cstdint>
 #include <filesystem>
 #include <span>
+#include <system_error>
 
 namespace tarvolin::platform {
 
 class MappedFile {
  public:
-  /// Why a mapping could not be made; the caller decides what each means.
-  enum class Failure { open, stat, map };
-
-  struct Error {
-    Failure failure;
-    int errorNumber;
-  };
+  /// What open() throws: the errno of the failed call (EISDIR for anything but a regular file)
+  /// with the call and the path.
+  using Error = std::system_error;
 
   /// Maps `path` whole. `populate` asks the kernel to fault every page in at once (cheaper than
-  /// one fault per page when the caller is about to read all of it). Throws MappedFile::Error.
+  /// one fault per page when the caller is about to read all of it). Throws std::system_error.
   /// A file of zero bytes gives an empty mapping (no mmap call).
   static MappedFile open(const std::filesystem::path& path, bool populate);
 
