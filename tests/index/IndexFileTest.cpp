@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 #include "support/IndexFixture.h"
 #include "support/TempTree.h"
@@ -118,6 +120,31 @@ TEST(IndexWriterTest, WritesAreDeterministicAndRecordCompleteness) {
   filled.setAttributes(0, 0, 0);
   IndexWriter::write(filled, {}, tree / "three.bin");
   EXPECT_EQ(IndexStore(tree / "three.bin").header().attrsCompleteness, AttrsCompleteness::complete);
+}
+
+// Writers of the same target share the temporary name: they must take turns, so every write
+// succeeds and the file left is always one of them whole.
+TEST(IndexWriterTest, ConcurrentWritersOfOneTargetTakeTurns) {
+  TempTree tree;
+  std::filesystem::path target = tree / "index.bin";
+  IndexBuilder small = sampleBuilder();
+  IndexBuilder large = testing::buildTree({{"/a/" + std::string(200, 'x')}, {"/b/c/d/e.txt"}});
+  std::atomic<int> failures{0};
+  auto writer = [&](const IndexBuilder& builder) {
+    for (int round = 0; round < 25; ++round) {
+      try {
+        IndexWriter::write(builder, {{"local", "/", 0, true}}, target);
+      } catch (const std::exception&) {
+        failures.fetch_add(1);
+      }
+    }
+  };
+  std::thread first(writer, std::cref(small)), second(writer, std::cref(large));
+  first.join();
+  second.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_NO_THROW(IndexStore{target});
+  EXPECT_FALSE(std::filesystem::exists(tree / "index.bin.tmp"));
 }
 
 TEST(IndexWriterTest, FailedWritesLeaveThePreviousIndexAndNoTemporaryFile) {

@@ -8,6 +8,7 @@
 #include "Commands.h"
 #include "Output.h"
 #include "tarvolin/index/IndexWriter.h"
+#include "tarvolin/platform/FolderLock.h"
 #include "tarvolin/scan/DirectoryScanner.h"
 
 namespace tvl {
@@ -47,6 +48,14 @@ int runScan(const Context& context) {
 
   std::string indexPath = context.indexPath.string();
   try {
+    // The writer waits for another writer of the same index; say why the command pauses.
+    std::error_code missing;
+    std::filesystem::path folder = context.indexPath.parent_path();
+    if (std::filesystem::is_directory(folder, missing) &&
+        !tarvolin::platform::FolderLock::tryLock(folder)) {
+      output::errorLine("tvl: another scan is writing " + indexPath +
+                        "; waiting for it to finish");
+    }
     tarvolin::IndexWriter::write(result.builder, {{"local", root, 0, true}}, context.indexPath);
   } catch (const std::system_error& error) {
     output::errorLine("tvl: could not write the index to " + indexPath + ": " +

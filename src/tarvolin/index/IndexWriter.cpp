@@ -3,6 +3,7 @@
 #include "tarvolin/index/FastHash64.h"
 #include "tarvolin/index/IndexError.h"
 #include "tarvolin/platform/AtomicFile.h"
+#include "tarvolin/platform/FolderLock.h"
 #include "tarvolin/platform/Precondition.h"
 
 namespace tarvolin::IndexWriter {
@@ -43,6 +44,10 @@ IndexHeader headerFor(const IndexBuilder& builder, const std::vector<VolumeEntry
 void write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
            const std::filesystem::path& target) {
   IndexHeader header = headerFor(builder, volumes);
+  // Every writer of this index uses the same temporary name: one at a time per folder.
+  std::filesystem::path folder = target.parent_path().empty() ? "." : target.parent_path();
+  std::filesystem::create_directories(folder);
+  platform::FolderLock writers(folder);
   platform::AtomicFile file(target);
   // The temporary file exists now; the AtomicFile removes it if anything below throws.
   // One gathered write: the page cache then holds the file in large pieces from its first byte,

@@ -2,7 +2,8 @@
 // Writes a builder as a complete index file. The bytes go to "<target>.tmp" beside the target,
 // which is fsynced and renamed over it, and the folder is fsynced: readers and crashes see the
 // old index or the new one whole. Any failure removes the temporary file and leaves the target
-// untouched. Safe to call from any thread for distinct targets.
+// untouched. Writers of one folder, in this process or others, take turns (an advisory lock on
+// the folder), so concurrent writes of the same target leave one of them whole.
 
 #include <filesystem>
 #include <vector>
