@@ -141,5 +141,23 @@ TEST(ScanPolicyTest, ScannerFilterAgreesWithTheFullTest) {
   }
 }
 
+// The cheap last-byte test is built from the policy's own lists: every store name and every name
+// with a blocking suffix must still reach the full test and be refused.
+TEST(ScanPolicyTest, ScannerFilterBlocksEveryStoreAndSuffix) {
+  for (std::string_view ending : ScanPolicy::descentBlockingEndings()) {
+    // A store name blocks as it is, a suffix after a stem; a snapshot only in its shape.
+    std::string whole(ending), withStem = "name" + whole;
+    if (ending == ".backup") whole = withStem = "2024-01-31-235959.backup";
+    bool blocked = detail::DescentFilter::nameBlocksDescent(whole) ||
+                   detail::DescentFilter::nameBlocksDescent(withStem);
+    EXPECT_TRUE(blocked) << ending;
+    EXPECT_FALSE(ScanPolicy{}.shouldDescend("/v/" + whole) &&
+                 ScanPolicy{}.shouldDescend("/v/" + withStem))
+        << ending;
+  }
+  EXPECT_FALSE(detail::DescentFilter::nameBlocksDescent("name.backup"));
+  EXPECT_FALSE(detail::DescentFilter::nameBlocksDescent("plain"));
+}
+
 }  // namespace
 }  // namespace tarvolin

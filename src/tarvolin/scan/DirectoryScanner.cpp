@@ -63,12 +63,6 @@ struct DirList {
   }
 };
 
-struct EnumOutcome {
-  bool opened = false;
-  int errorNumber = 0;
-  int64_t entries = 0;
-};
-
 // Lists the directory open in `reader`, whose path is `path` ("" is "/"), into `builder` below
 // `recordID`, and appends the subdirectories to enter to `children`, in listing order. Nothing
 // per entry beyond copying its name, except for subdirectories: their path is formed (with the

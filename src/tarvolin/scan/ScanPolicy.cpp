@@ -14,6 +14,11 @@ constexpr std::array<std::string_view, 7> kStores = {
     "Backups.backupdb", ".MobileBackups",          ".Spotlight-V100", ".fseventsd",
     ".DocumentRevisions-V100", ".TemporaryItems", ".Trashes"};
 
+// Suffixes of names that are stores themselves.
+constexpr std::array<std::string_view, 2> kStoreSuffixes = {".backupbundle", ".sparsebundle"};
+constexpr std::string_view kSnapshotSuffix = ".backup";
+constexpr std::string_view kNoIndexSuffix = ".noindex";
+
 constexpr std::array<std::string_view, 9> kPrivateFolders = {
     "Desktop", "Documents", "Downloads", "Library", "Movies",
     "Music",   "Pictures",  "Applications", ".Trash"};
@@ -67,9 +72,8 @@ bool anyPiece(std::string_view path, Body&& body) {
 
 // The snapshot test on a name already in comparable form.
 bool isSnapshotText(std::string_view text) {
-  constexpr std::string_view kSuffix = ".backup";
-  if (!detail::hasSuffixAsText(text, kSuffix)) return false;
-  std::string_view stamp = text.substr(0, text.size() - kSuffix.size());
+  if (!detail::hasSuffixAsText(text, kSnapshotSuffix)) return false;
+  std::string_view stamp = text.substr(0, text.size() - kSnapshotSuffix.size());
   // Seventeen characters that are each one ASCII scalar are seventeen ASCII bytes; any other
   // byte is part of a character that fails the digit and dash tests anyway.
   if (stamp.size() != 17) return false;
@@ -89,8 +93,10 @@ bool isStoreComponent(std::string_view text) {
   for (std::string_view store : kStores) {
     if (text == store) return true;
   }
-  return detail::hasSuffixAsText(text, ".backupbundle") ||
-         detail::hasSuffixAsText(text, ".sparsebundle") || isSnapshotText(text);
+  for (std::string_view suffix : kStoreSuffixes) {
+    if (detail::hasSuffixAsText(text, suffix)) return true;
+  }
+  return isSnapshotText(text);
 }
 
 // Membership as text: byte-equal first, then canonical equivalence for non-ASCII strings.
@@ -222,8 +228,19 @@ bool ScanPolicy::isNoIndexDirectory(std::string_view path) {
   std::string scratch;
   std::string_view text = detail::comparableText(path, scratch);
   return anyPiece(text, [](std::string_view piece) {
-    return detail::hasSuffixAsText(piece, ".noindex");
+    return detail::hasSuffixAsText(piece, kNoIndexSuffix);
   });
+}
+
+const std::vector<std::string_view>& ScanPolicy::descentBlockingEndings() {
+  static const std::vector<std::string_view> endings = [] {
+    std::vector<std::string_view> all(kStores.begin(), kStores.end());
+    all.insert(all.end(), kStoreSuffixes.begin(), kStoreSuffixes.end());
+    all.push_back(kSnapshotSuffix);
+    all.push_back(kNoIndexSuffix);
+    return all;
+  }();
+  return endings;
 }
 
 bool ScanPolicy::isBackupOrSystemStore(std::string_view path) {

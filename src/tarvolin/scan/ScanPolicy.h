@@ -65,6 +65,9 @@ struct ScanPolicy {
   /// True when any component of `path` is a backup or system store: one of the seven store
   /// names, a name ending in ".backupbundle" or ".sparsebundle", or a backup snapshot.
   static bool isBackupOrSystemStore(std::string_view path);
+  /// Every store name and every suffix that makes a name block descent (the two tests above, on
+  /// one component): a blocked name ends with one of them, as text.
+  static const std::vector<std::string_view>& descentBlockingEndings();
   /// True for a name shaped YYYY-MM-DD-HHMMSS.backup (ASCII digits only).
   static bool isTimeMachineSnapshot(std::string_view name);
   /// True when a volume's top-level names show it holds backups.

@@ -1,5 +1,7 @@
 #include "tarvolin/scan/detail/DescentFilter.h"
 
+#include <array>
+
 #include "tarvolin/scan/detail/TextCompare.h"
 
 namespace tarvolin::detail {
@@ -23,14 +25,20 @@ bool DescentFilter::isExcludedPath(std::string_view childPath) const {
   return excludedText_.find(text) != excludedText_.end();
 }
 
+bool DescentFilter::mayEndABlockingName(uint8_t lastByte) {
+  static const std::array<bool, 256> endings = [] {
+    std::array<bool, 256> table{};
+    for (std::string_view ending : ScanPolicy::descentBlockingEndings()) {
+      table[static_cast<uint8_t>(ending.back())] = true;
+    }
+    return table;
+  }();
+  return endings[lastByte];
+}
+
 bool DescentFilter::nameBlocksDescent(std::string_view name) {
-  // Nearly every name fails the cheap test on its last byte: each store name and suffix ends in
-  // one of these.
-  char last = name.back();
-  if (last != 'x' && last != 'e' && last != 'b' && last != 's' && last != 'p' && last != '0' &&
-      last != 'd') {
-    return false;
-  }
+  // Nearly every name fails the cheap test on its last byte.
+  if (!mayEndABlockingName(static_cast<uint8_t>(name.back()))) return false;
   return ScanPolicy::isNoIndexDirectory(name) || ScanPolicy::isBackupOrSystemStore(name);
 }
 

@@ -33,6 +33,11 @@ class DescentFilter {
   /// The ".noindex" and store tests on one name.
   static bool nameBlocksDescent(std::string_view name);
 
+  /// True for the bytes that end a store name or a blocking suffix. A name that blocks descent
+  /// ends with one of them: its comparable form ends with an ASCII ending as whole characters,
+  /// and normalisation never changes a trailing ASCII letter, digit or dot into another byte.
+  static bool mayEndABlockingName(uint8_t lastByte);
+
  private:
   struct Hash {
     using is_transparent = void;
