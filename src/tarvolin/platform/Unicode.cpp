@@ -250,6 +250,12 @@ bool isDecimalDigit(char32_t codePoint) {
   return categoryOf(codePoint) == UTF8PROC_CATEGORY_ND;
 }
 
+bool isAlphanumeric(char32_t codePoint) {
+  if (codePoint < 0x80) return isLetter(codePoint) || isDecimalDigit(codePoint);
+  utf8proc_category_t category = categoryOf(codePoint);
+  return category >= UTF8PROC_CATEGORY_LU && category <= UTF8PROC_CATEGORY_NO;
+}
+
 bool isHorizontalWhitespace(char32_t codePoint) {
   if (codePoint < 0x80) return codePoint == ' ' || codePoint == '\t';
   return categoryOf(codePoint) == UTF8PROC_CATEGORY_ZS;

@@ -58,6 +58,9 @@ size_t graphemeClusterEnd(std::string_view text, size_t start);
 bool isLetter(char32_t codePoint);
 /// Decimal digits: general category Nd (ASCII "0"-"9" and the other scripts' digits).
 bool isDecimalDigit(char32_t codePoint);
+/// Letters, marks and numbers: general categories L, M and N (the usual "alphanumeric" set, which
+/// counts combining accents and non-decimal numbers such as Roman numerals too).
+bool isAlphanumeric(char32_t codePoint);
 /// Horizontal white space: general category Zs or the tab. Line breaks are not included, so
 /// trimming with it keeps them.
 bool isHorizontalWhitespace(char32_t codePoint);
