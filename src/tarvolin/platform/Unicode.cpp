@@ -261,4 +261,12 @@ bool isHorizontalWhitespace(char32_t codePoint) {
   return categoryOf(codePoint) == UTF8PROC_CATEGORY_ZS;
 }
 
+bool isWhitespaceOrNewline(char32_t codePoint) {
+  if (codePoint < 0x80) return codePoint == ' ' || (codePoint >= '\t' && codePoint <= '\r');
+  if (codePoint == 0x85) return true;
+  utf8proc_category_t category = categoryOf(codePoint);
+  return category == UTF8PROC_CATEGORY_ZS || category == UTF8PROC_CATEGORY_ZL ||
+         category == UTF8PROC_CATEGORY_ZP;
+}
+
 }  // namespace tarvolin::platform

@@ -65,4 +65,8 @@ bool isAlphanumeric(char32_t codePoint);
 /// trimming with it keeps them.
 bool isHorizontalWhitespace(char32_t codePoint);
 
+/// White space and line breaks: general category Z (Zs, Zl, Zp), the tab, U+000A to U+000D and
+/// U+0085. Trimming with it removes line terminators as well.
+bool isWhitespaceOrNewline(char32_t codePoint);
+
 }  // namespace tarvolin::platform
