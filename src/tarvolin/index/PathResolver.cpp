@@ -11,14 +11,10 @@ std::string PathResolver::absolutePath(uint32_t id) const {
   std::array<std::string_view, maxDepth> names;
   size_t depth = 0;
   size_t length = 0;
-  uint32_t current = id;
-  while (true) {
-    names[depth] = store_->nameBytes(current);
+  for (ParentWalk walk(store_->records(), id); walk.valid(); walk.next()) {
+    names[depth] = store_->nameBytes(walk.id());
     length += names[depth].size() + 1;
     ++depth;
-    uint32_t parent = (*store_)[current].parentID;
-    if (parent == FileRecord::rootParentID || depth == maxDepth) break;
-    current = parent;
   }
   std::string path;
   path.reserve(length);
@@ -37,13 +33,9 @@ std::string PathResolver::parentPath(uint32_t id) const {
 }
 
 bool PathResolver::containsCycle(uint32_t id) const {
-  uint32_t current = id;
-  for (size_t steps = 0; steps < maxDepth; ++steps) {
-    uint32_t parent = (*store_)[current].parentID;
-    if (parent == FileRecord::rootParentID) return false;
-    current = parent;
-  }
-  return true;
+  ParentWalk walk(store_->records(), id);
+  while (walk.valid()) walk.next();
+  return !walk.reachedTop();
 }
 
 }  // namespace tarvolin

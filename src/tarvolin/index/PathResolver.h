@@ -7,13 +7,14 @@
 #include <string>
 
 #include "tarvolin/index/IndexStore.h"
+#include "tarvolin/index/ParentWalk.h"
 
 namespace tarvolin {
 
 class PathResolver {
  public:
   /// The most components collected, and parent steps taken, for one path.
-  static constexpr size_t maxDepth = 256;
+  static constexpr size_t maxDepth = ParentWalk::maxDepth;
 
   explicit PathResolver(std::shared_ptr<const IndexStore> store) : store_(std::move(store)) {}
 

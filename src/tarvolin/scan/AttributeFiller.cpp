@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tarvolin/index/ChildrenIndex.h"
+#include "tarvolin/index/ParentWalk.h"
 #include "tarvolin/platform/Concurrency.h"
 #include "tarvolin/platform/DirectoryReader.h"
 #include "tarvolin/scan/detail/EntryAttributes.h"
@@ -18,7 +19,6 @@ namespace tarvolin::AttributeFiller {
 namespace {
 
 constexpr uint32_t kNoParent = FileRecord::rootParentID;
-constexpr size_t kMaxPathNames = 256;
 constexpr size_t kBatchCapacity = 8192;
 constexpr size_t kFlushAbove = 4095;        // triples pending before a flush
 constexpr int64_t kProgressEvery = 50'000;  // covered entries between two progress calls
@@ -37,17 +37,10 @@ struct Job {
 // top record with the empty name, so that the path would not be absolute.
 bool appendPath(const IndexBuilder& builder, uint32_t id, std::vector<std::string_view>& names,
                 std::string& arena) {
-  const auto& records = builder.records();
   names.clear();
-  uint32_t current = id;
-  for (;;) {
-    names.push_back(builder.nameBytes(current));
-    uint32_t parent = records[current].parentID;
-    if (parent == kNoParent) break;
-    if (parent >= records.size() || names.size() == kMaxPathNames) return false;
-    current = parent;
-  }
-  if (!names.back().empty()) return false;
+  ParentWalk walk(builder.records(), id);
+  for (; walk.valid(); walk.next()) names.push_back(builder.nameBytes(walk.id()));
+  if (!walk.reachedTop() || !names.back().empty()) return false;
   if (names.size() == 1) {
     arena.append("/", 2);
     return true;
