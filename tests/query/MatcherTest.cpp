@@ -1,8 +1,6 @@
 // The matcher: every strategy agrees with the general evaluation on a large index, every scan
 // kernel agrees with the scalar reference, and the single-term rules hold on small cases.
 
-#include "tarvolin/query/Matcher.h"
-
 #include <gtest/gtest.h>
 
 #include <ctime>
@@ -12,7 +10,9 @@
 #include "support/IndexFixture.h"
 #include "support/TempTree.h"
 #include "tarvolin/index/IndexWriter.h"
+#include "tarvolin/platform/Regex.h"
 #include "tarvolin/query/FuzzyMatcher.h"
+#include "tarvolin/query/Matcher.h"
 #include "tarvolin/query/QueryParser.h"
 #include "tarvolin/query/detail/NameScan.h"
 
@@ -23,11 +23,16 @@ namespace {
 // mixed case, extensions, hidden and deleted entries, application bundles, invalid UTF-8,
 // 255-byte names, and attributes on most records.
 IndexBuilder largeTree(uint32_t count = 25000) {
-  static const char* words[] = {"report", "Final", "draft", "IMG_", "photo", "Playground",
-                                "notes", "colour", "color", "node_modules", "src", "build",
-                                "x_ab", "AB", "readme", "Résumé", "data", "Archive"};
-  static const char* extensions[] = {".md", ".txt", ".TXT", ".jpg", ".swift", ".bin", "", ".",
-                                     ".tar.gz"};
+  static const char* words[] = {"report", "Final", "draft", "IMG_", "photo", "Playground", "notes",
+                                "colour", "color", "node_modules", "src", "build", "x_ab", "AB",
+                                "readme", "Résumé", "data", "Archive",
+                                // Spelled with U+212A (Kelvin sign) and U+017F (long s), which
+                                // caseless expressions match as "k" and "s".
+                                "\xE2\x84\xAA"
+                                "elvin",
+                                "Kelvin", "\xC5\xBFources", "sources"};
+  static const char* extensions[] = {".md",  ".txt", ".TXT", ".jpg",   ".swift",
+                                     ".bin", "",     ".",    ".tar.gz"};
   std::mt19937 random(11);
   IndexBuilder builder;
   std::vector<uint32_t> folders{builder.addEntry(std::string_view(""), FileRecord::rootParentID,
@@ -100,19 +105,46 @@ TEST_F(LargeIndexTest, EveryStrategyAgreesWithTheGeneralEvaluation) {
     bool sameQuality;  // the multi-word scan reports its driver word's quality
   };
   const Case cases[] = {
-      {"report", true},          {"RE", true},           {"a", true},
-      {"ab", true},              {"résumé", true},       {"zzzzqqq", true},
-      {"report final", false},   {"final report draft", false}, {"img_ photo", false},
-      {"ext:md", true},          {"ext:txt,swift", true}, {"!ext:md", true},
-      {"size:>1mb", true},       {"!size:>1mb", true},   {"size:<10kb report", true},
-      {"dm:today", true},        {"dm:<30d", true},      {"!dm:<30d", true},
-      {"folder:", true},         {"file: report", true}, {"app:", true},
-      {"folder:src", true},      {"\"final report\"", true}, {"!report", true},
+      {"report", true},
+      {"RE", true},
+      {"a", true},
+      {"ab", true},
+      {"résumé", true},
+      {"zzzzqqq", true},
+      {"report final", false},
+      {"final report draft", false},
+      {"img_ photo", false},
+      {"ext:md", true},
+      {"ext:txt,swift", true},
+      {"!ext:md", true},
+      {"size:>1mb", true},
+      {"!size:>1mb", true},
+      {"size:<10kb report", true},
+      {"dm:today", true},
+      {"dm:<30d", true},
+      {"!dm:<30d", true},
+      {"folder:", true},
+      {"file: report", true},
+      {"app:", true},
+      {"folder:src", true},
+      {"\"final report\"", true},
+      {"!report", true},
       {"!report !draft photo", true},
-      {"path:playground", true}, {"path:src/report", true}, {"path:build report", true},
-      {"/^IMG_\\d+/", true},     {"/colou?r/", true},    {"/(a+)+$/", true},
-      {"/[/", true},             {"report | draft", true}, {"ext:md | ext:txt", true},
+      {"path:playground", true},
+      {"path:src/report", true},
+      {"path:build report", true},
+      {"/^IMG_\\d+/", true},
+      {"/colou?r/", true},
+      {"/(a+)+$/", true},
+      {"/[/", true},
+      {"report | draft", true},
+      {"ext:md | ext:txt", true},
       {"report ext:md | photo size:>1kb", true},
+      {"/kelvin/", true},
+      {"/sources/", true},
+      {"/^\xC5\xBF/", true},
+      {"/kelvin/ ext:md", true},
+      {"/sources/ | draft", true},
   };
   std::vector<uint32_t> all = allIDs();
   for (const Case& c : cases) {
@@ -129,13 +161,51 @@ TEST_F(LargeIndexTest, EveryStrategyAgreesWithTheGeneralEvaluation) {
   }
 }
 
+// Caseless Unicode matching lets "k" stand for U+212A and "s" for U+017F: an expression finds
+// such names through every strategy, not only the ones that run it on every name.
+TEST_F(LargeIndexTest, ExpressionsFindNamesSpelledWithCharactersThatFoldOntoAscii) {
+  auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store_, nullptr));
+  std::vector<uint32_t> all = allIDs();
+  struct Case {
+    const char* pattern;
+    const char* spelling;  // a character some expected name must hold
+  };
+  for (const Case& c : {Case{"kelvin", "\xE2\x84\xAA"}, Case{"sources", "\xC5\xBF"},
+                        Case{"^kel.*n", "\xE2\x84\xAA"}, Case{"\\.?sources\\d*", "\xC5\xBF"}}) {
+    // What the expression itself says, name by name.
+    std::optional<platform::Regex> regex = platform::Regex::compile(c.pattern);
+    ASSERT_TRUE(regex.has_value()) << c.pattern;
+    std::vector<uint32_t> expected;
+    bool spelled = false;
+    for (uint32_t id = 0; id < store_->count(); ++id) {
+      if ((*store_)[id].flags.contains(RecordFlags::deleted)) continue;
+      if (!regex->search(store_->name(id))) continue;
+      expected.push_back(id);
+      spelled = spelled || store_->name(id).find(c.spelling) != std::string::npos;
+    }
+    ASSERT_TRUE(spelled) << c.pattern << ": the tree lacks the test's spelling";
+
+    for (std::string text :
+         {std::string("/") + c.pattern + "/", std::string("/") + c.pattern + "/ | zzzzqqq"}) {
+      Query query = QueryParser::parse(text);
+      Matcher scanning(store_);
+      Matcher narrowed(store_);
+      narrowed.setTrigrams(trigrams);
+      Matcher general(store_);
+      EXPECT_EQ(idsOf(scanning.match(query)), expected) << text;
+      EXPECT_EQ(idsOf(narrowed.match(query)), expected) << text;
+      EXPECT_EQ(idsOf(general.match(query, std::span<const uint32_t>(all))), expected) << text;
+    }
+  }
+}
+
 TEST_F(LargeIndexTest, TrigramBlockScanFindsWhatTheFullScanFinds) {
   auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store_, nullptr));
   for (const char* word : {"report", "résumé", "colour", "x_ab", "zzzz", "photo final", "ab"}) {
     Query query = QueryParser::parse(word);
     Matcher plain(store_);
     Matcher narrowed(store_);
-    narrowed.trigrams = trigrams;
+    narrowed.setTrigrams(trigrams);
     EXPECT_EQ(narrowed.match(query), plain.match(query)) << word;
   }
 }
@@ -147,8 +217,8 @@ TEST_F(LargeIndexTest, EveryKernelAgreesWithTheScalarScan) {
                              "img_1", ".", "résumé"}) {
     std::vector<Match> reference;
     detail::scanRange(*store_, 0, n, needle, detail::ScanKernel::scalar, reference);
-    for (auto kernel : {detail::ScanKernel::sse2, detail::ScanKernel::blobSse2,
-                        detail::ScanKernel::blobAvx2}) {
+    for (auto kernel :
+         {detail::ScanKernel::sse2, detail::ScanKernel::blobSse2, detail::ScanKernel::blobAvx2}) {
       std::vector<Match> got;
       // Odd range boundaries exercise the ends of blob windows.
       detail::scanRange(*store_, 0, 7, needle, kernel, got);
@@ -178,7 +248,8 @@ TEST_F(LargeIndexTest, FuzzyFallbackAddsAtMostFiftyNewHits) {
     if (std::find_if(exact.begin(), exact.end(), isExact) != exact.end()) continue;
     if ((*store_)[id].flags.contains(RecordFlags::deleted)) continue;
     auto result = FuzzyMatcher::match("rprt", store_->nameBytes(id));
-    if (result && result->score >= FuzzyMatcher::minimumScore(4)) reference.emplace_back(result->score, id);
+    if (result && result->score >= FuzzyMatcher::minimumScore(4))
+      reference.emplace_back(result->score, id);
   }
   std::stable_sort(reference.begin(), reference.end(),
                    [](const auto& a, const auto& b) { return a.first > b.first; });
@@ -196,7 +267,7 @@ class SmallIndexTest : public ::testing::Test {
   std::shared_ptr<const IndexStore> load(const std::vector<testing::FixtureEntry>& entries) {
     return testing::writeAndLoad(testing::buildTree(entries), tree_ / "index.bin");
   }
-  std::vector<Match> run(const std::shared_ptr<const IndexStore>& store, const char* text,
+  std::vector<Match> run(const std::shared_ptr<const IndexStore>& store, std::string_view text,
                          bool fuzzy = false) {
     Matcher matcher(store);
     Query query = QueryParser::parse(text);
@@ -211,16 +282,23 @@ TEST_F(SmallIndexTest, FirstOccurrenceQualities) {
   std::vector<std::pair<MatchQuality, int32_t>> got;
   for (const Match& m : matches) got.emplace_back(m.quality, m.matchOffset);
   using Q = MatchQuality;
-  EXPECT_EQ(got, (std::vector<std::pair<Q, int32_t>>{{Q::exact, 0}, {Q::substring, 1},
-                                                     {Q::wordBoundary, 2}, {Q::wordBoundary, 2},
-                                                     {Q::wordBoundary, 2}, {Q::wordBoundary, 2},
+  EXPECT_EQ(got, (std::vector<std::pair<Q, int32_t>>{{Q::exact, 0},
+                                                     {Q::substring, 1},
+                                                     {Q::wordBoundary, 2},
+                                                     {Q::wordBoundary, 2},
+                                                     {Q::wordBoundary, 2},
+                                                     {Q::wordBoundary, 2},
                                                      {Q::prefix, 0}}));
 }
 
 TEST_F(SmallIndexTest, FiltersAndPaths) {
-  auto store = load({{"/.bashrc", 10, 1}, {"/archive.", 10, 1}, {"/a.MD", 10, 1},
-                     {"/big.bin", 5'000'000, 1}, {"/unfilled.bin"},
-                     {"/top/play/deep/x.txt", 1, 1}, {"/top/other.txt", 1, 1}});
+  auto store = load({{"/.bashrc", 10, 1},
+                     {"/archive.", 10, 1},
+                     {"/a.MD", 10, 1},
+                     {"/big.bin", 5'000'000, 1},
+                     {"/unfilled.bin"},
+                     {"/top/play/deep/x.txt", 1, 1},
+                     {"/top/other.txt", 1, 1}});
   auto names = [&](const char* text) {
     std::vector<std::string> out;
     for (const Match& m : run(store, text)) out.push_back(store->name(m.id));
@@ -244,7 +322,7 @@ TEST_F(SmallIndexTest, FuzzyFallbackThresholds) {
   entries.push_back({"/abc4"});
   store = load(entries);
   EXPECT_EQ(run(store, "abc", true).size(), 5u) << "five exact hits: no fuzzy scan";
-  EXPECT_EQ(run(store, std::string(33, 'x').c_str(), true).size(), 1u)
+  EXPECT_EQ(run(store, std::string(33, 'x'), true).size(), 1u)
       << "a 33-byte word gets its exact hit and no fuzzy scan";
 }
 
@@ -256,7 +334,8 @@ namespace {
 
 TEST_F(SmallIndexTest, HostileQueriesAnswerWithoutRunningAway) {
   std::vector<testing::FixtureEntry> entries;
-  for (int i = 0; i < 50; ++i) entries.push_back({"/" + std::string(250, 'a') + "!" + std::to_string(i)});
+  for (int i = 0; i < 50; ++i)
+    entries.push_back({"/" + std::string(250, 'a') + "!" + std::to_string(i)});
   entries.push_back({"/bad\xFF\xFEname"});
   auto store = load(entries);
   std::string manyTerms;
@@ -267,16 +346,15 @@ TEST_F(SmallIndexTest, HostileQueriesAnswerWithoutRunningAway) {
     size_t expected;
   };
   const Case cases[] = {
-      {manyTerms, 51},
-      {hugeToken, 0},
-      {"/(a+)+$/", 0},          // bounded backtracking gives up: no match, no hang
-      {"/(a|aa)+b/", 0},
-      {"/[/", 0},               // invalid: matches nothing
-      {"\xFF\xFE", 0},          // query text is decoded, so this is U+FFFD twice
-      {std::string(1, '\0'), 0},
+      {manyTerms, 51},           {hugeToken, 0},
+      {"/(a+)+$/", 0},                        // bounded backtracking gives up: no match, no hang
+      {"/(a|aa)+b/", 0},         {"/[/", 0},  // invalid: matches nothing
+      {"\xFF\xFE", 0},                        // query text is decoded, so this is U+FFFD twice
+      {std::string(1, '\0'), 0},              // a real NUL byte: a word no name holds
   };
+  ASSERT_FALSE(QueryParser::parse(std::string(1, '\0')).isEmpty());
   for (const Case& c : cases) {
-    EXPECT_EQ(run(store, c.query.c_str(), true).size(), c.expected) << c.query.substr(0, 20);
+    EXPECT_EQ(run(store, c.query, true).size(), c.expected) << c.query.substr(0, 20);
   }
 }
 

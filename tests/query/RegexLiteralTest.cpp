@@ -1,12 +1,14 @@
-#include "tarvolin/query/RegexLiteral.h"
-
 #include <gtest/gtest.h>
 
+#include <bitset>
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tarvolin/platform/Regex.h"
+#include "tarvolin/platform/Unicode.h"
+#include "tarvolin/query/RegexLiteral.h"
 #include "tarvolin/query/detail/AsciiFold.h"
 
 namespace tarvolin {
@@ -19,7 +21,8 @@ namespace {
                                             const std::string& name) {
   std::optional<platform::Regex> regex = platform::Regex::compile(pattern);
   if (!regex) return ::testing::AssertionFailure() << "does not compile";
-  if (!regex->search(name)) return ::testing::AssertionFailure() << "example does not match: " << name;
+  if (!regex->search(name))
+    return ::testing::AssertionFailure() << "example does not match: " << name;
   if (run && detail::lowerAscii(name).find(*run) == std::string::npos) {
     return ::testing::AssertionFailure() << "run '" << *run << "' is not in " << name;
   }
@@ -114,6 +117,56 @@ TEST(RegexLiteralTest, ClassesGroupsAndModesAsTheEngineReadsThem) {
       // A bracket glued to a combining accent is still a group to the engine.
       {"(\xCC\x81\x61\x62)?xy", std::nullopt, {"xy"}},
   });
+}
+
+// "k" and "s" also match U+212A (Kelvin sign) and U+017F (long s): a run never holds them, so a
+// name spelled with those still passes the prefilter.
+TEST(RegexLiteralTest, LettersThatStandForNonAsciiCharactersEndTheRun) {
+  expectRuns({
+      {"kelvin",
+       "elvin",
+       {"\xE2\x84\xAA"
+        "elvin",
+        "KELVIN"}},
+      {"Sources", "ource", {"\xC5\xBFources", "sources"}},
+      {"desk\\.txt", ".txt", {"de\xC5\xBF\xE2\x84\xAA.txt"}},
+      {"\\.json$", ".j", {"a.j\xC5\xBFon"}},
+      {"ks", std::nullopt, {"\xE2\x84\xAA\xC5\xBF"}},
+      {"\\Qmask\\E", "ma", {"ma\xC5\xBF\xE2\x84\xAA"}},
+      {"report", "report", {"Report"}},
+  });
+}
+
+// The bytes the analysis leaves out are exactly those the expression engine folds onto a
+// character beyond ASCII, checked here against every code point of Unicode (the analysis
+// itself only asks about the first 65536).
+TEST(RegexLiteralTest, CaselessBeyondAsciiIsTheEnginesOwnSet) {
+  std::string everything;  // every scalar value from U+0080 up
+  for (char32_t c = 0x80; c <= 0x10FFFF; ++c) {
+    if (c < 0xD800 || c > 0xDFFF) platform::appendCodePoint(everything, c);
+  }
+  std::optional<platform::Regex> ascii = platform::Regex::compile("[\\x00-\\x7f]");
+  ASSERT_TRUE(ascii.has_value());
+  std::bitset<128> expected;
+  size_t from = 0;
+  while (auto hit = ascii->find(everything, from)) {
+    from = hit->second;
+    std::string_view character(everything.data() + hit->first, hit->second - hit->first);
+    size_t index = 0;
+    char32_t code = platform::decodeCodePoint(character, index);
+    char pattern[16];
+    std::snprintf(pattern, sizeof pattern, "\\x{%x}", static_cast<unsigned>(code));
+    std::optional<platform::Regex> one = platform::Regex::compile(pattern);
+    ASSERT_TRUE(one.has_value());
+    for (unsigned byte = 0; byte < 128; ++byte) {
+      char b = static_cast<char>(byte);
+      if (one->search(std::string_view(&b, 1))) expected.set(byte);
+    }
+  }
+  EXPECT_EQ(RegexLiteral::caselessBeyondAscii(), expected);
+  for (char letter : {'k', 'K', 's', 'S'}) {
+    EXPECT_TRUE(expected[static_cast<unsigned char>(letter)]) << letter;
+  }
 }
 
 TEST(RegexLiteralTest, ContainsAlternation) {

@@ -1,75 +1,22 @@
 #include "tarvolin/query/Matcher.h"
 
 #include <algorithm>
-#include <array>
 
+#include "tarvolin/index/ParentWalk.h"
 #include "tarvolin/platform/Concurrency.h"
 #include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/Unicode.h"
 #include "tarvolin/query/FuzzyMatcher.h"
 #include "tarvolin/query/RegexLiteral.h"
 #include "tarvolin/query/detail/Evaluator.h"
+#include "tarvolin/query/detail/FuzzyScan.h"
 #include "tarvolin/query/detail/MatchSink.h"
 #include "tarvolin/query/detail/NameScan.h"
+#include "tarvolin/query/detail/Sharding.h"
 
 namespace tarvolin {
 
 namespace {
-
-// Number of shards for a scan of `n` items: one below the shard unit, else one per 10000 items,
-// at most one per processor.
-size_t shardCount(size_t n) {
-  if (n < Matcher::shardUnit) return 1;
-  return std::max<size_t>(1, std::min<size_t>(n / Matcher::shardUnit, platform::activeProcessorCount()));
-}
-
-// Cuts [0, n) into shardCount(n) consecutive ranges and runs body(shard, begin, end) for each,
-// concurrently when there are several; returns the number of shards.
-template <typename Body>
-size_t forEachShard(size_t n, Body&& body) {
-  size_t shards = shardCount(n);
-  if (shards <= 1) {
-    body(size_t{0}, size_t{0}, n);
-    return 1;
-  }
-  size_t chunk = (n + shards - 1) / shards;
-  platform::concurrentPerform(shards, [&](size_t s) {
-    size_t begin = std::min(n, s * chunk);
-    body(s, begin, std::min(n, begin + chunk));
-  });
-  return shards;
-}
-
-// The lists of `slots` one after the other, in the first one's storage when it has room (the
-// rest of it is backed in one call before the copies).
-std::vector<Match> joined(std::vector<std::vector<Match>>& slots) {
-  if (slots.empty()) return {};
-  std::vector<Match> all = std::move(slots[0]);
-  size_t total = all.size();
-  for (size_t s = 1; s < slots.size(); ++s) total += slots[s].size();
-  all.reserve(total);
-  platform::prefaultForWriting(all.data() + all.size(), (total - all.size()) * sizeof(Match));
-  for (size_t s = 1; s < slots.size(); ++s) all.insert(all.end(), slots[s].begin(), slots[s].end());
-  return all;
-}
-
-// Runs body(begin, end, out) over [0, n) in shards and joins the results in shard order. Every
-// shard's list is reserved for its whole range up front (the first for all of [0, n), since the
-// others are appended to it): a reservation is only address space until it is written, so this
-// costs nothing, while growing a list by doubling copies it and touches fresh pages each time.
-// The reservations are made here, so that a scan allocates nothing on the other threads (a
-// thread's first allocation sets up its own heap, a noticeable part of a short search).
-template <typename Body>
-std::vector<Match> sharded(size_t n, Body&& body) {
-  std::vector<std::vector<Match>> slots(shardCount(n));
-  slots[0].reserve(n);
-  for (size_t s = 1; s < slots.size(); ++s) slots[s].reserve((n + slots.size() - 1) / slots.size());
-  size_t shards = forEachShard(n, [&](size_t s, size_t begin, size_t end) {
-    body(begin, end, slots[s]);
-  });
-  slots.resize(shards);
-  return joined(slots);
-}
 
 bool isNonEmptySubstring(const Term& term) {
   return term.kind() == Term::Kind::substring && !term.text().empty();
@@ -81,14 +28,6 @@ Matcher::Matcher(std::shared_ptr<const IndexStore> store)
     : store_(std::move(store)), resolver_(store_) {}
 
 Matcher::~Matcher() = default;
-
-const platform::Regex* Matcher::regexFor(const std::string& pattern) {
-  auto found = regexCache_.find(pattern);
-  if (found == regexCache_.end()) {
-    found = regexCache_.emplace(pattern, platform::Regex::compile(pattern)).first;
-  }
-  return found->second ? &*found->second : nullptr;
-}
 
 const std::optional<std::string>& Matcher::regexLiteralFor(const std::string& pattern) {
   auto found = regexLiteralCache_.find(pattern);
@@ -110,8 +49,7 @@ std::vector<Match> Matcher::match(const Query& query,
   if (plain && terms.size() == 1 && isNonEmptySubstring(terms[0])) {
     return scanNeedle(detail::lowerAscii(terms[0].text()));
   }
-  if (plain && terms.size() >= 2 &&
-      std::all_of(terms.begin(), terms.end(), isNonEmptySubstring)) {
+  if (plain && terms.size() >= 2 && std::all_of(terms.begin(), terms.end(), isNonEmptySubstring)) {
     return multiTokenMatch(terms);
   }
   if (plain && terms.size() == 1 && terms[0].kind() == Term::Kind::pathContains &&
@@ -125,9 +63,10 @@ std::vector<Match> Matcher::match(const Query& query,
   // Each record the scan finds is evaluated there and then, while its bytes are in cache.
   if (plain) {
     if (std::optional<std::string> literal = requiredLiteral(terms)) {
-      detail::Evaluator evaluator(*this, query);
+      detail::Evaluator evaluator(resolver_, regexCache_, query);
       Verdict verdict = [&evaluator](uint32_t id) -> std::optional<Match> {
-        if (auto outcome = evaluator.evaluate(id)) return Match{id, outcome->quality, outcome->offset};
+        if (auto outcome = evaluator.evaluate(id))
+          return Match{id, outcome->quality, outcome->offset};
         return std::nullopt;
       };
       return scanNeedle(*literal, &verdict);
@@ -168,7 +107,7 @@ std::optional<std::string> Matcher::requiredLiteral(const std::vector<Term>& ter
 
 std::vector<Match> Matcher::evaluate(const Query& query,
                                      std::optional<std::span<const uint32_t>> ids, bool parallel) {
-  detail::Evaluator evaluator(*this, query);
+  detail::Evaluator evaluator(resolver_, regexCache_, query);
   const IndexStore& store = *store_;
   size_t n = ids ? ids->size() : store.count();
   auto body = [&](size_t begin, size_t end, std::vector<Match>& out) {
@@ -187,12 +126,13 @@ std::vector<Match> Matcher::evaluate(const Query& query,
     body(0, n, out);
     return out;
   }
-  return sharded(n, body);
+  return detail::sharded(n, body);
 }
 
 std::vector<Match> Matcher::scanNeedle(const std::string& needle, const Verdict* verdict) {
-  if (trigrams) {
-    if (auto blocks = trigrams->candidateBlocks(needle)) return blockScan(*blocks, needle, verdict);
+  if (trigrams_) {
+    if (auto blocks = trigrams_->candidateBlocks(needle))
+      return blockScan(*blocks, needle, verdict);
   }
   return fullScan(needle, verdict);
 }
@@ -200,7 +140,7 @@ std::vector<Match> Matcher::scanNeedle(const std::string& needle, const Verdict*
 std::vector<Match> Matcher::fullScan(const std::string& needle, const Verdict* verdict) {
   const IndexStore& store = *store_;
   detail::ScanKernel kernel = detail::preferredKernel(store);
-  return sharded(store.count(), [&](size_t begin, size_t end, std::vector<Match>& out) {
+  return detail::sharded(store.count(), [&](size_t begin, size_t end, std::vector<Match>& out) {
     detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), needle,
                       kernel, out, /*includeDeleted=*/false, verdict);
   });
@@ -237,7 +177,7 @@ std::vector<Match> Matcher::blockScan(const std::vector<uint32_t>& blocks,
   } else {
     for (size_t r = 0; r < ranges.size(); ++r) scanOne(r);
   }
-  return joined(slots);
+  return detail::joined(slots);
 }
 
 std::vector<Match> Matcher::multiTokenMatch(const std::vector<Term>& terms) {
@@ -275,17 +215,18 @@ std::vector<Match> Matcher::pathOnlyMatch(const std::string& needle) {
   // own name does), capped past the walk limit. Deleted records still name the folders below
   // them. Parents usually come before children, so one pass in ID order reuses the parent's
   // value; a parent that comes later is walked explicitly.
-  constexpr uint16_t kFar = PathResolver::maxDepth + 1;
+  constexpr uint16_t kFar = ParentWalk::maxDepth + 1;
   std::vector<uint16_t> distance;
   distance.reserve(n);
   platform::prefaultForWriting(distance.data(), size_t{n} * sizeof(uint16_t));
   distance.assign(n, kFar);
   {
     detail::ScanKernel kernel = detail::preferredKernel(store);
-    std::vector<Match> own = sharded(n, [&](size_t begin, size_t end, std::vector<Match>& out) {
-      detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), needle,
-                        kernel, out, /*includeDeleted=*/true);
-    });
+    std::vector<Match> own =
+        detail::sharded(n, [&](size_t begin, size_t end, std::vector<Match>& out) {
+          detail::scanRange(store, static_cast<uint32_t>(begin), static_cast<uint32_t>(end), needle,
+                            kernel, out, /*includeDeleted=*/true);
+        });
     for (const Match& hit : own) distance[hit.id] = 0;
   }
   std::vector<Match> results;
@@ -298,20 +239,18 @@ std::vector<Match> Matcher::pathOnlyMatch(const std::string& needle) {
       if (record.parentID < id) {
         d = static_cast<uint16_t>(std::min<int>(distance[record.parentID] + 1, kFar));
       } else {
-        uint32_t current = record.parentID;
-        for (uint16_t steps = 1; steps <= PathResolver::maxDepth; ++steps) {
-          if (distance[current] == 0) {
+        uint16_t steps = 1;
+        for (ParentWalk walk(store.records(), record.parentID); walk.valid();
+             walk.next(), ++steps) {
+          if (distance[walk.id()] == 0) {
             d = steps;
             break;
           }
-          uint32_t parent = store[current].parentID;
-          if (parent == FileRecord::rootParentID) break;
-          current = parent;
         }
       }
       distance[id] = d;
     }
-    if (d <= PathResolver::maxDepth && !record.flags.contains(RecordFlags::deleted)) {
+    if (d <= ParentWalk::maxDepth && !record.flags.contains(RecordFlags::deleted)) {
       sink.push(Match{id, MatchQuality::substring, 0});
     }
   }
@@ -319,7 +258,7 @@ std::vector<Match> Matcher::pathOnlyMatch(const std::string& needle) {
 }
 
 bool Matcher::matches(const Term& term, uint32_t record) {
-  detail::Evaluator evaluator(*this, term);
+  detail::Evaluator evaluator(resolver_, regexCache_, term);
   return evaluator.evaluate(record).has_value();
 }
 
@@ -330,87 +269,9 @@ std::vector<Match> Matcher::matchWithFuzzyFallback(
   if (!query.isSingleWord()) return exact;
   std::string needle = detail::lowerAscii(query.andTerms[0].text());
   if (!FuzzyMatcher::isEligible(needle)) return exact;
-  std::vector<Match> fuzzy = fuzzyScan(needle, exact);
+  std::vector<Match> fuzzy = detail::fuzzyScan(*store_, needle, exact, maxFuzzyResults);
   exact.insert(exact.end(), fuzzy.begin(), fuzzy.end());
   return exact;
-}
-
-namespace {
-
-// Rough frequency of a lower-cased byte in file names, higher for more common. Only the order
-// matters: it picks the needle byte that the fewest names contain.
-int byteFrequency(uint8_t byte) {
-  static const std::array<uint8_t, 256> table = [] {
-    std::array<uint8_t, 256> t{};
-    t.fill(1);  // other punctuation and the bytes of non-ASCII characters are rare in names
-    const char* byFrequency = "e.aiotsrnlc_-mdup0h1g2b3f4y5w6v7k8x9jqz";
-    uint8_t weight = 100;
-    for (const char* c = byFrequency; *c != '\0'; ++c) t[static_cast<uint8_t>(*c)] = weight--;
-    t[' '] = 70;
-    return t;
-  }();
-  return table[byte];
-}
-
-}  // namespace
-
-std::vector<Match> Matcher::fuzzyScan(const std::string& needle,
-                                      const std::vector<Match>& exclude) {
-  const IndexStore& store = *store_;
-  uint32_t n = store.count();
-  std::vector<uint32_t> excluded;
-  excluded.reserve(exclude.size());
-  for (const Match& m : exclude) excluded.push_back(m.id);
-  std::sort(excluded.begin(), excluded.end());
-  const int64_t minimum = FuzzyMatcher::minimumScore(needle.size());
-
-  // A fuzzy hit holds every needle byte (ASCII-folded), so only names holding the rarest one are
-  // worth scoring; the vectorised scan finds them at memory speed.
-  std::string rarest(1, needle[0]);
-  for (char c : needle) {
-    if (byteFrequency(static_cast<uint8_t>(c)) < byteFrequency(static_cast<uint8_t>(rarest[0]))) {
-      rarest[0] = c;
-    }
-  }
-  detail::ScanKernel kernel = detail::preferredKernel(store);
-
-  struct Hit {
-    uint32_t id;
-    int64_t score;
-    int64_t offset;
-  };
-  std::vector<std::vector<Hit>> slots(shardCount(n));
-  forEachShard(n, [&](size_t s, size_t begin, size_t end) {
-    auto skip = std::lower_bound(excluded.begin(), excluded.end(), static_cast<uint32_t>(begin));
-    // Candidates are taken a few thousand records at a time into one small list that is reused,
-    // so the prefilter never writes more fresh memory than that list.
-    constexpr size_t kStep = 4096;
-    std::vector<Match> holding;
-    holding.reserve(kStep);
-    for (size_t from = begin; from < end; from += kStep) {
-      holding.clear();
-      detail::scanRange(store, static_cast<uint32_t>(from),
-                        static_cast<uint32_t>(std::min(end, from + kStep)), rarest, kernel, holding);
-      for (const Match& candidate : holding) {
-        uint32_t id = candidate.id;
-        while (skip != excluded.end() && *skip < id) ++skip;
-        if (skip != excluded.end() && *skip == id) continue;
-        auto result = FuzzyMatcher::match(needle, store.nameBytes(id));
-        if (result && result->score >= minimum) {
-          slots[s].push_back(Hit{id, result->score, result->firstMatch});
-        }
-      }
-    }
-  });
-  std::vector<Hit> hits;
-  for (const auto& slot : slots) hits.insert(hits.end(), slot.begin(), slot.end());
-  std::stable_sort(hits.begin(), hits.end(),
-                   [](const Hit& a, const Hit& b) { return a.score > b.score; });
-  std::vector<Match> fuzzy;
-  for (size_t i = 0; i < std::min(hits.size(), maxFuzzyResults); ++i) {
-    fuzzy.push_back(Match{hits[i].id, MatchQuality::fuzzy, hits[i].offset});
-  }
-  return fuzzy;
 }
 
 }  // namespace tarvolin

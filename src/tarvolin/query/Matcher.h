@@ -24,17 +24,14 @@
 
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/index/PathResolver.h"
-#include "tarvolin/platform/Regex.h"
 #include "tarvolin/query/Match.h"
 #include "tarvolin/query/Query.h"
 #include "tarvolin/query/TrigramIndex.h"
 #include "tarvolin/query/detail/NameScan.h"
+#include "tarvolin/query/detail/RegexCache.h"
+#include "tarvolin/query/detail/Sharding.h"
 
 namespace tarvolin {
-
-namespace detail {
-class Evaluator;
-}
 
 class Matcher {
  public:
@@ -43,7 +40,7 @@ class Matcher {
   /// Below this many records every query takes the general evaluation.
   static constexpr uint32_t largeIndexThreshold = 20000;
   /// Records per shard of a parallel scan.
-  static constexpr uint32_t shardUnit = 10000;
+  static constexpr uint32_t shardUnit = detail::shardUnit;
 
   explicit Matcher(std::shared_ptr<const IndexStore> store);
   ~Matcher();
@@ -62,16 +59,16 @@ class Matcher {
   /// Whether one term holds for one record. REQUIRES: record < store count.
   bool matches(const Term& term, uint32_t record);
 
-  /// Optional block prefilter built for this store; the owner may set or replace it between
-  /// searches.
-  std::shared_ptr<const TrigramIndex> trigrams;
+  /// The optional block prefilter built for this store (nullptr: none).
+  const std::shared_ptr<const TrigramIndex>& trigrams() const { return trigrams_; }
+  /// Sets or replaces the block prefilter (nullptr removes it); between searches only.
+  void setTrigrams(std::shared_ptr<const TrigramIndex> trigrams) {
+    trigrams_ = std::move(trigrams);
+  }
 
   const IndexStore& store() const { return *store_; }
 
  private:
-  friend class detail::Evaluator;
-
-  /// Single-word scan: trigram blocks when they narrow the search, else the full scan.
   // Decides a record whose name holds the scanned needle (the scan kernels' verdict).
   using Verdict = detail::RecordVerdict;
   // The records whose names hold `needle`; with a verdict, what it keeps of them.
@@ -83,19 +80,17 @@ class Matcher {
   std::vector<Match> pathOnlyMatch(const std::string& needle);
   std::vector<Match> evaluate(const Query& query, std::optional<std::span<const uint32_t>> ids,
                               bool parallel);
-  std::vector<Match> fuzzyScan(const std::string& needle, const std::vector<Match>& exclude);
   /// The longest literal (lower-cased) that the name of every record matching all of `terms`
   /// must hold, or nothing.
   std::optional<std::string> requiredLiteral(const std::vector<Term>& terms);
 
-  /// The compiled expression for a pattern (cached; nothing when invalid).
-  const platform::Regex* regexFor(const std::string& pattern);
   /// The literal every match of a pattern contains, lower-cased (cached).
   const std::optional<std::string>& regexLiteralFor(const std::string& pattern);
 
   std::shared_ptr<const IndexStore> store_;
   PathResolver resolver_;
-  std::unordered_map<std::string, std::optional<platform::Regex>> regexCache_;
+  std::shared_ptr<const TrigramIndex> trigrams_;
+  detail::RegexCache regexCache_;
   std::unordered_map<std::string, std::optional<std::string>> regexLiteralCache_;
 };
 

@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "tarvolin/index/ParentWalk.h"
 #include "tarvolin/platform/Memory.h"
 
 namespace tarvolin {
@@ -22,17 +23,25 @@ constexpr uint32_t kDepthMask = (1u << 29) - 1;
 constexpr size_t kFlatFromMatches = 4096;
 constexpr size_t kSparseLimit = 16384;
 
+// A match's parent and up to 256 folders above it: the step limit of every walk up the tree.
+constexpr size_t kWalkRecords = ParentWalk::maxDepth + 1;
+
 inline size_t slotOf(uint32_t id, size_t mask) {
   return static_cast<size_t>((uint64_t{id} * 0x9E3779B97F4A7C15ull) >> 32) & mask;
 }
 }  // namespace
 
 const std::vector<std::string_view>& Ranker::demotedPathComponents() {
-  static const std::vector<std::string_view> names = {
-      "node_modules", ".git",   "Caches",        "DerivedData",      "Pods",
-      ".build",       "build",  "dist",          "vendor",           "site-packages",
-      "Containers",   "Group Containers", "TemporaryItems", "SyncedPreferences", "Biome",
-      "CoreSimulator", "Developer", "Logs",      "CrashReporter"};
+  static const std::vector<std::string_view> names = {"node_modules",   ".git",
+                                                      "Caches",         "DerivedData",
+                                                      "Pods",           ".build",
+                                                      "build",          "dist",
+                                                      "vendor",         "site-packages",
+                                                      "Containers",     "Group Containers",
+                                                      "TemporaryItems", "SyncedPreferences",
+                                                      "Biome",          "CoreSimulator",
+                                                      "Developer",      "Logs",
+                                                      "CrashReporter"};
   return names;
 }
 
@@ -47,23 +56,37 @@ bool Ranker::isDemotedName(std::string_view bytes) {
 
 Ranker::Ranker(std::shared_ptr<const IndexStore> store) : store_(std::move(store)) {}
 
-Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id, uint32_t budget) {
+Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id) {
+  auto unpack = [](uint32_t packed) {
+    return AncestorInfo{static_cast<int32_t>(packed & kDepthMask), (packed & kDemoted) != 0,
+                        (packed & kAppAbove) != 0};
+  };
   uint32_t cached = remembered(id);
-  if (cached & kComputed) {
-    return {static_cast<int32_t>(cached & kDepthMask), (cached & kDemoted) != 0,
-            (cached & kAppAbove) != 0};
+  if (cached & kComputed) return unpack(cached);
+  // Up from `id` to the first folder already known, the top, or the step limit; then down again,
+  // each folder's entry from the one above it.
+  std::array<uint32_t, kWalkRecords> chain;
+  size_t length = 0;
+  AncestorInfo above{-1, false, false};  // above the topmost folder walked: nothing
+  for (ParentWalk walk(store_->records(), id, kWalkRecords); walk.valid(); walk.next()) {
+    uint32_t known = length == 0 ? cached : remembered(walk.id());
+    if (known & kComputed) {
+      above = unpack(known);
+      break;
+    }
+    chain[length++] = walk.id();
   }
-  const FileRecord& record = (*store_)[id];
-  AncestorInfo info{0, false, false};
-  if (record.parentID != FileRecord::rootParentID && budget >= 1) {
-    AncestorInfo above = ancestorInfo(record.parentID, budget - 1);
-    info = {above.depth + 1, above.demotedThrough, above.appThrough};
+  AncestorInfo info{};
+  while (length > 0) {
+    uint32_t folder = chain[--length];
+    const FileRecord& record = (*store_)[folder];
+    info = {above.depth + 1, above.demotedThrough || isDemotedName(store_->nameBytes(folder)),
+            above.appThrough || record.flags.contains(RecordFlags::isApp)};
+    remember(folder, kComputed | (info.demotedThrough ? kDemoted : 0) |
+                         (info.appThrough ? kAppAbove : 0) |
+                         (static_cast<uint32_t>(info.depth) & kDepthMask));
+    above = info;
   }
-  info.demotedThrough = info.demotedThrough || isDemotedName(store_->nameBytes(id));
-  info.appThrough = info.appThrough || record.flags.contains(RecordFlags::isApp);
-  remember(id, kComputed | (info.demotedThrough ? kDemoted : 0) |
-                   (info.appThrough ? kAppAbove : 0) |
-                   (static_cast<uint32_t>(info.depth) & kDepthMask));
   return info;
 }
 
@@ -74,7 +97,7 @@ int32_t Ranker::score(const Match& match) {
   bool demoted = false;
   bool insideApp = false;
   if (record.parentID != FileRecord::rootParentID) {
-    AncestorInfo parent = ancestorInfo(record.parentID, ancestorLimit);
+    AncestorInfo parent = ancestorInfo(record.parentID);
     depth = parent.depth + 1;
     demoted = parent.demotedThrough;
     insideApp = parent.appThrough;
@@ -143,7 +166,8 @@ void Ranker::remember(uint32_t id, uint32_t packed) {
     std::vector<uint64_t> old = std::exchange(sparseCache_, std::vector<uint64_t>(size));
     sparseCount_ = 0;
     for (uint64_t entry : old) {
-      if (entry != 0) remember(static_cast<uint32_t>((entry >> 32) - 1), static_cast<uint32_t>(entry));
+      if (entry != 0)
+        remember(static_cast<uint32_t>((entry >> 32) - 1), static_cast<uint32_t>(entry));
     }
   }
   size_t mask = sparseCache_.size() - 1;
@@ -191,7 +215,8 @@ std::vector<RankedResult> Ranker::rank(const std::vector<Match>& matches, int64_
     ++sizes[bucket];
   }
   std::vector<RankedResult> results;
-  results.reserve(static_cast<size_t>(std::min<int64_t>(limit, static_cast<int64_t>(matches.size()))));
+  results.reserve(
+      static_cast<size_t>(std::min<int64_t>(limit, static_cast<int64_t>(matches.size()))));
   for (uint8_t bucket = 0; bucket < sizes.size(); ++bucket) {
     int64_t remaining = limit - static_cast<int64_t>(results.size());
     if (remaining <= 0 || sizes[bucket] == 0) continue;

@@ -33,7 +33,6 @@ class Ranker {
   static constexpr int32_t depthPenalty = 10;
   static constexpr int32_t maxOffsetPenalty = 100;
   static constexpr int32_t demotedPenalty = 5000;
-  static constexpr uint32_t ancestorLimit = 256;
 
   /// Folder names whose contents rank lower, compared byte for byte.
   static const std::vector<std::string_view>& demotedPathComponents();
@@ -58,7 +57,9 @@ class Ranker {
   /// The best `k` of the matches whose bucket (see rank) is `bucket`, best first.
   std::vector<RankedResult> topK(const std::vector<Match>& matches,
                                  const std::vector<uint8_t>& buckets, uint8_t bucket, int64_t k);
-  AncestorInfo ancestorInfo(uint32_t id, uint32_t budget);
+  /// The memo entry of `id`, computed (with those of the folders above it) when missing. The
+  /// walk up from `id` takes at most 256 steps; the folder it stops at counts as a top one.
+  AncestorInfo ancestorInfo(uint32_t id);
   /// Readies the memo for a ranking of `matchCount` matches.
   void prepareCache(size_t matchCount);
   /// The memo entry of a folder (0 when not computed yet), and its update.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <vector>
 
+#include "tarvolin/platform/Regex.h"
 #include "tarvolin/query/detail/AsciiFold.h"
 #include "tarvolin/query/detail/Characters.h"
 
@@ -266,8 +267,18 @@ bool containsAlternation(Characters c) {
 // The current and best runs of the pass.
 class Runs {
  public:
+  /// Appends `bytes` lower-cased; a byte that also stands for a non-ASCII character ends the
+  /// run there instead of joining it.
   void append(std::string_view bytes) {
-    current_ += detail::lowerAscii(bytes);
+    const std::bitset<128>& beyond = caselessBeyondAscii();
+    for (char byte : bytes) {
+      uint8_t code = detail::foldAscii(static_cast<uint8_t>(byte));
+      if (code < 128 && beyond[code]) {
+        flush();
+      } else {
+        current_.push_back(static_cast<char>(code));
+      }
+    }
   }
   /// The current run becomes the best if strictly longer; then it restarts empty.
   void flush() {
@@ -318,6 +329,28 @@ size_t addQuoted(Characters c, size_t i, Runs& runs) {
 }
 
 }  // namespace
+
+const std::bitset<128>& caselessBeyondAscii() {
+  static const std::bitset<128> bytes = [] {
+    std::bitset<128> found;
+    // Compiled caselessly, a class takes in the other cases of its members; so an ASCII byte
+    // that this class of the code points from U+0080 to U+FFFF matches shares its case class with
+    // one of them. Code points past U+FFFF are left out: the engine builds the class one code
+    // point at a time, which for the million of them costs milliseconds per process, and none
+    // folds onto ASCII (the tests hold the set to the engine across all of Unicode).
+    std::optional<platform::Regex> wide = platform::Regex::compile("[\\x{80}-\\x{ffff}]");
+    if (!wide) {
+      found.set();  // the engine cannot tell: vouch for no byte
+      return found;
+    }
+    for (unsigned code = 0; code < 128; ++code) {
+      char byte = static_cast<char>(code);
+      if (wide->search(std::string_view(&byte, 1))) found.set(code);
+    }
+    return found;
+  }();
+  return bytes;
+}
 
 bool isQuantified(std::span<const std::string_view> characters, size_t index) {
   if (index >= characters.size()) return false;

@@ -17,10 +17,13 @@
 //     the expression engine reads code points.
 // A CR LF pair is one character and contributes both bytes.
 //
-// Known limit for the caller: with Unicode case folding, "k" also matches U+212A (Kelvin sign)
-// and "s" matches U+017F (long s); a name spelled with those can match without containing the
-// ASCII run.
+// Names are matched caselessly with Unicode rules, under which a few ASCII letters stand for
+// more than their two ASCII forms: "k" also matches U+212A (Kelvin sign) and "s" U+017F (long
+// s). A name spelled with those matches without holding the ASCII bytes, so such a letter ends
+// the run as a class would (`caselessBeyondAscii` says which bytes these are). "kelvin" yields
+// "elvin".
 
+#include <bitset>
 #include <cstddef>
 #include <optional>
 #include <span>
@@ -32,6 +35,10 @@ namespace tarvolin::RegexLiteral {
 /// The longest required run of `pattern`, lower-cased ASCII (other bytes unchanged), at least 2
 /// bytes long; among runs of equal length the first. Nothing when there is no such run.
 std::optional<std::string> required(std::string_view pattern);
+
+/// The ASCII bytes whose caseless class, as the expression engine compiles names' expressions,
+/// holds a character beyond ASCII (bit b for byte b). Asked of the engine once per process.
+const std::bitset<128>& caselessBeyondAscii();
 
 /// True when `pattern` has a "|" outside a class, escape, comment or quoted text (inside a group
 /// counts too).

@@ -16,7 +16,7 @@ void SearchSession::updateStore(std::shared_ptr<const IndexStore> store) {
 
 void SearchSession::setTrigrams(std::shared_ptr<const TrigramIndex> trigrams) {
   trigrams_ = trigrams;
-  matcher_->trigrams = std::move(trigrams);
+  matcher_->setTrigrams(std::move(trigrams));
 }
 
 std::optional<std::vector<uint32_t>> SearchSession::candidatePool(const std::string& text,

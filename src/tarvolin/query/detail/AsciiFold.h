@@ -9,7 +9,9 @@
 
 namespace tarvolin::detail {
 
-inline uint8_t foldAscii(uint8_t c) { return c >= 'A' && c <= 'Z' ? static_cast<uint8_t>(c + 32) : c; }
+inline uint8_t foldAscii(uint8_t c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<uint8_t>(c + 32) : c;
+}
 
 /// The bytes after which a word starts.
 inline bool isWordBoundaryByte(uint8_t c) {

@@ -1,7 +1,7 @@
 #include "tarvolin/query/detail/Evaluator.h"
 
+#include "tarvolin/index/ParentWalk.h"
 #include "tarvolin/platform/Unicode.h"
-#include "tarvolin/query/Matcher.h"
 #include "tarvolin/query/detail/NameScan.h"
 
 namespace tarvolin::detail {
@@ -28,40 +28,42 @@ std::optional<platform::TimeRange> rangeFor(const DateConstraint& constraint, in
     if (!start) return std::nullopt;
     return platform::TimeRange{*start, INT64_MAX};
   }
-  if (const auto* month = constraint.asMonth()) return platform::localMonth(month->year, month->month);
+  if (const auto* month = constraint.asMonth())
+    return platform::localMonth(month->year, month->month);
   return platform::localDay(now);
 }
 
 }  // namespace
 
-Evaluator::Evaluator(Matcher& matcher, const Query& query)
-    : matcher_(matcher), now_(platform::nowSeconds()) {
+Evaluator::Evaluator(const PathResolver& resolver, RegexCache& regexes, const Query& query)
+    : resolver_(resolver), store_(resolver.store()), now_(platform::nowSeconds()) {
   if (query.orGroups.empty()) {
-    groups_.push_back(compileList(matcher, query.andTerms));
+    groups_.push_back(compileList(regexes, query.andTerms));
   } else {
-    for (const auto& group : query.orGroups) groups_.push_back(compileList(matcher, group));
+    for (const auto& group : query.orGroups) groups_.push_back(compileList(regexes, group));
   }
 }
 
-Evaluator::Evaluator(Matcher& matcher, const Term& term)
-    : matcher_(matcher), now_(platform::nowSeconds()) {
+Evaluator::Evaluator(const PathResolver& resolver, RegexCache& regexes, const Term& term)
+    : resolver_(resolver), store_(resolver.store()), now_(platform::nowSeconds()) {
   groups_.emplace_back();
-  compile(matcher, term, false, groups_.back());
+  compile(regexes, term, false, groups_.back());
 }
 
-std::vector<CompiledTerm> Evaluator::compileList(Matcher& matcher, const std::vector<Term>& terms) {
+std::vector<CompiledTerm> Evaluator::compileList(RegexCache& regexes,
+                                                 const std::vector<Term>& terms) {
   std::vector<CompiledTerm> compiled;
-  for (const Term& term : terms) compile(matcher, term, false, compiled);
+  for (const Term& term : terms) compile(regexes, term, false, compiled);
   return compiled;
 }
 
-void Evaluator::compile(Matcher& matcher, const Term& term, bool negated,
+void Evaluator::compile(RegexCache& regexes, const Term& term, bool negated,
                         std::vector<CompiledTerm>& out) {
   CompiledTerm c;
   c.negated = negated;
   switch (term.kind()) {
     case Term::Kind::not_:
-      return compile(matcher, term.negatedTerm(), !negated, out);
+      return compile(regexes, term.negatedTerm(), !negated, out);
     case Term::Kind::substring:
     case Term::Kind::exactPhrase:
       c.kind = negated ? CompiledTerm::Kind::booleanSubstring : CompiledTerm::Kind::scoredSubstring;
@@ -92,8 +94,7 @@ void Evaluator::compile(Matcher& matcher, const Term& term, bool negated,
       break;
     case Term::Kind::regex:
       c.kind = CompiledTerm::Kind::regex;
-      c.regex = matcher.regexFor(term.text());
-      c.literal = &matcher.regexLiteralFor(term.text());
+      c.regex = regexes.compiled(term.text());
       break;
     case Term::Kind::pathContains:
       c.kind = CompiledTerm::Kind::pathContains;
@@ -119,7 +120,7 @@ std::optional<Evaluator::Outcome> Evaluator::evaluate(uint32_t id) const {
 
 std::optional<Evaluator::Outcome> Evaluator::evaluateList(const std::vector<CompiledTerm>& terms,
                                                           uint32_t id) const {
-  const IndexStore& store = matcher_.store();
+  const IndexStore& store = store_;
   std::optional<Outcome> best;
   for (const CompiledTerm& term : terms) {
     if (term.kind == CompiledTerm::Kind::scoredSubstring) {
@@ -137,7 +138,7 @@ std::optional<Evaluator::Outcome> Evaluator::evaluateList(const std::vector<Comp
 }
 
 bool Evaluator::holds(const CompiledTerm& term, uint32_t id) const {
-  const IndexStore& store = matcher_.store();
+  const IndexStore& store = store_;
   const FileRecord& record = store[id];
   bool result = false;
   switch (term.kind) {
@@ -159,9 +160,15 @@ bool Evaluator::holds(const CompiledTerm& term, uint32_t id) const {
     }
     case CompiledTerm::Kind::type:
       switch (term.type) {
-        case TypeConstraint::file: result = !record.flags.contains(RecordFlags::isDirectory); break;
-        case TypeConstraint::folder: result = record.flags.contains(RecordFlags::isDirectory); break;
-        case TypeConstraint::app: result = record.flags.contains(RecordFlags::isApp); break;
+        case TypeConstraint::file:
+          result = !record.flags.contains(RecordFlags::isDirectory);
+          break;
+        case TypeConstraint::folder:
+          result = record.flags.contains(RecordFlags::isDirectory);
+          break;
+        case TypeConstraint::app:
+          result = record.flags.contains(RecordFlags::isApp);
+          break;
       }
       break;
     case CompiledTerm::Kind::size:
@@ -174,7 +181,6 @@ bool Evaluator::holds(const CompiledTerm& term, uint32_t id) const {
     case CompiledTerm::Kind::regex: {
       if (term.regex == nullptr) break;
       std::string_view name = store.nameBytes(id);
-      if (*term.literal && firstOccurrence(name, **term.literal) < 0) break;
       if (platform::isValidUtf8(name)) {
         result = term.regex->search(name);
       } else {
@@ -194,17 +200,12 @@ bool Evaluator::holds(const CompiledTerm& term, uint32_t id) const {
 
 bool Evaluator::pathHolds(const CompiledTerm& term, uint32_t id) const {
   if (term.needle.empty()) return false;
-  const IndexStore& store = matcher_.store();
   if (term.needle.find('/') != std::string::npos) {
-    std::string path = platform::caseFold(matcher_.resolver_.absolutePath(id));
+    std::string path = platform::caseFold(resolver_.absolutePath(id));
     return path.find(term.needle) != std::string::npos;
   }
-  uint32_t current = id;
-  for (size_t names = 0; names < PathResolver::maxDepth; ++names) {
-    if (firstOccurrence(store.nameBytes(current), term.needle) >= 0) return true;
-    uint32_t parent = store[current].parentID;
-    if (parent == FileRecord::rootParentID) break;
-    current = parent;
+  for (ParentWalk walk(store_.records(), id); walk.valid(); walk.next()) {
+    if (firstOccurrence(store_.nameBytes(walk.id()), term.needle) >= 0) return true;
   }
   return false;
 }

@@ -5,6 +5,9 @@
 // in the matcher's cache), so evaluating a record allocates nothing except for regular
 // expressions over names with invalid UTF-8 and path terms holding "/".
 //
+// It is the reference the matcher's fast strategies are held to, so it takes no shortcut of
+// theirs: an expression runs on every name, without the required-literal prefilter.
+//
 // Built on the matcher's thread; `evaluate` may then be called from several threads at once.
 
 #include <cstdint>
@@ -12,16 +15,14 @@
 #include <string>
 #include <vector>
 
+#include "tarvolin/index/PathResolver.h"
 #include "tarvolin/platform/Calendar.h"
 #include "tarvolin/platform/Regex.h"
 #include "tarvolin/query/Match.h"
 #include "tarvolin/query/Query.h"
+#include "tarvolin/query/detail/RegexCache.h"
 
-namespace tarvolin {
-
-class Matcher;
-
-namespace detail {
+namespace tarvolin::detail {
 
 struct CompiledTerm {
   enum class Kind : uint8_t {
@@ -43,7 +44,6 @@ struct CompiledTerm {
   SizeComparison size;
   std::optional<platform::TimeRange> dates;  // nothing: the calendar could not form it
   const platform::Regex* regex = nullptr;    // nothing: invalid pattern, matches no record
-  const std::optional<std::string>* literal = nullptr;
 };
 
 class Evaluator {
@@ -53,26 +53,28 @@ class Evaluator {
     int32_t offset;
   };
 
-  /// Compiles the query's and-terms, or each of its or-groups.
-  Evaluator(Matcher& matcher, const Query& query);
+  /// Compiles the query's and-terms, or each of its or-groups, for the records of the
+  /// resolver's store; expressions come from (and are added to) `regexes`. Both must outlive
+  /// the evaluator.
+  Evaluator(const PathResolver& resolver, RegexCache& regexes, const Query& query);
   /// Compiles one term on its own (for Matcher::matches).
-  Evaluator(Matcher& matcher, const Term& term);
+  Evaluator(const PathResolver& resolver, RegexCache& regexes, const Term& term);
 
   /// The quality and offset of a record that satisfies the query, nothing otherwise. Deleted
   /// records are the caller's business.
   std::optional<Outcome> evaluate(uint32_t id) const;
 
  private:
-  std::vector<CompiledTerm> compileList(Matcher& matcher, const std::vector<Term>& terms);
-  void compile(Matcher& matcher, const Term& term, bool negated, std::vector<CompiledTerm>& out);
+  std::vector<CompiledTerm> compileList(RegexCache& regexes, const std::vector<Term>& terms);
+  void compile(RegexCache& regexes, const Term& term, bool negated, std::vector<CompiledTerm>& out);
   std::optional<Outcome> evaluateList(const std::vector<CompiledTerm>& terms, uint32_t id) const;
   bool holds(const CompiledTerm& term, uint32_t id) const;
   bool pathHolds(const CompiledTerm& term, uint32_t id) const;
 
-  const Matcher& matcher_;
+  const PathResolver& resolver_;
+  const IndexStore& store_;
   int64_t now_;
   std::vector<std::vector<CompiledTerm>> groups_;  // one list for and-terms
 };
 
-}  // namespace detail
-}  // namespace tarvolin
+}  // namespace tarvolin::detail

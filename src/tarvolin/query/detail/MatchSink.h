@@ -27,7 +27,8 @@ class MatchSink {
  private:
   void prepare() {
     if (!huge_ && prepared_ >= kHugeFrom) {
-      platform::adviseFillingSoon(out_.data() + prepared_, (out_.capacity() - prepared_) * sizeof(Match));
+      platform::adviseFillingSoon(out_.data() + prepared_,
+                                  (out_.capacity() - prepared_) * sizeof(Match));
       huge_ = true;
     }
     size_t next = std::min(out_.capacity(), prepared_ + stretch_);

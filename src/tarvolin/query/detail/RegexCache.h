@@ -1,0 +1,32 @@
+#pragma once
+// The matcher's compiled regular expressions, by pattern text: each pattern is compiled on
+// first use and kept for the life of the matcher; an invalid one is remembered as such.
+//
+// Filled on the matcher's thread only (while a query is being prepared); the expressions it
+// hands out may then be used from any thread.
+
+#include <optional>
+#include <string>
+#include <unordered_map>
+
+#include "tarvolin/platform/Regex.h"
+
+namespace tarvolin::detail {
+
+class RegexCache {
+ public:
+  /// The compiled expression for `pattern`, or nullptr when it does not compile. The pointer
+  /// stays valid as long as the cache.
+  const platform::Regex* compiled(const std::string& pattern) {
+    auto found = regexes_.find(pattern);
+    if (found == regexes_.end()) {
+      found = regexes_.emplace(pattern, platform::Regex::compile(pattern)).first;
+    }
+    return found->second ? &*found->second : nullptr;
+  }
+
+ private:
+  std::unordered_map<std::string, std::optional<platform::Regex>> regexes_;
+};
+
+}  // namespace tarvolin::detail

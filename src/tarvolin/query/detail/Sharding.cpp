@@ -1,0 +1,23 @@
+#include "tarvolin/query/detail/Sharding.h"
+
+#include "tarvolin/platform/Memory.h"
+
+namespace tarvolin::detail {
+
+size_t shardCount(size_t n) {
+  if (n < shardUnit) return 1;
+  return std::max<size_t>(1, std::min<size_t>(n / shardUnit, platform::activeProcessorCount()));
+}
+
+std::vector<Match> joined(std::vector<std::vector<Match>>& slots) {
+  if (slots.empty()) return {};
+  std::vector<Match> all = std::move(slots[0]);
+  size_t total = all.size();
+  for (size_t s = 1; s < slots.size(); ++s) total += slots[s].size();
+  all.reserve(total);
+  platform::prefaultForWriting(all.data() + all.size(), (total - all.size()) * sizeof(Match));
+  for (size_t s = 1; s < slots.size(); ++s) all.insert(all.end(), slots[s].begin(), slots[s].end());
+  return all;
+}
+
+}  // namespace tarvolin::detail
