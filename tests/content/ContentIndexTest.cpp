@@ -9,6 +9,7 @@
 #include "support/TempTree.h"
 #include "tarvolin/content/ContentIndex.h"
 #include "tarvolin/content/ContentIndexError.h"
+#include "tarvolin/content/ContentIndexTable.h"
 #include "tarvolin/content/detail/ContentScan.h"
 #include "tarvolin/platform/Unicode.h"
 
@@ -258,6 +259,26 @@ TEST(ContentIndexTest, DecodingAcceptsAnyMemberOrderAndUnknownMembers) {
                             R"( {"p":"/\u00e9\n","m":-0.5e1,"o":0,"l":4}])",
                             "abcd"));
   EXPECT_EQ(index.documents(), (std::vector<Document>{{"/x", 2, 1, 3}, {"/\xC3\xA9\n", -5, 0, 4}}));
+}
+
+TEST(ContentIndexTest, CompactReaderTakesOnlyWhatTheWriterWrites) {
+  const std::vector<Document> documents = {{"/q\"b\\s\t\xC3\xA9", 1712345678.123456, 0, 7},
+                                           {"/b", -2.5e-7, -1, INT64_MAX},
+                                           {"/c", 3, 4, 0}};
+  const std::string table = ContentIndexTable::encode(documents);
+  EXPECT_EQ(ContentIndexTable::decodeCompact(table), documents);
+  EXPECT_EQ(ContentIndexTable::decodeGeneral(table), documents);
+  for (const char* other :
+       {R"([{"m":1,"p":"/a","o":0,"l":1}])", R"([ ])", R"([{"p":"/\u00e9","m":1,"o":0,"l":1}])",
+        R"([{"p":"/a","m":01,"o":0,"l":1}])", R"([{"p":"/a","m":1,"o":1.0,"l":1}])",
+        R"([{"p":"/a","m":1,"o":0,"l":1}] )",
+        R"([{"p":"/a","m":1,"o":0,"l":9223372036854775808}])"}) {
+    EXPECT_EQ(ContentIndexTable::decodeCompact(other), std::nullopt) << other;
+  }
+  const std::vector<Document> control = {{"/\x01", 1, 0, 1}};  // written as \u0001
+  EXPECT_EQ(ContentIndexTable::decode(ContentIndexTable::encode(control)), control);
+  EXPECT_EQ(ContentIndexTable::decode(R"([{"m":1,"p":"/a","o":0,"l":1}])"),
+            (std::vector<Document>{{"/a", 1, 0, 1}}));
 }
 
 TEST(ContentIndexTest, MalformedTablesThrow) {

@@ -198,6 +198,123 @@ class TableReader : public nlohmann::json_sax<nlohmann::json> {
   size_t errorAt_ = 0;
 };
 
+// Reads the exact text `encode` writes, one token at a time; any surprise is a refusal that
+// sends the text to the general parser.
+struct CompactReader {
+  std::string_view text;
+  size_t at = 0;
+
+  bool atEnd() const { return at == text.size(); }
+
+  bool literal(std::string_view expected) {
+    if (text.substr(at, expected.size()) != expected) return false;
+    at += expected.size();
+    return true;
+  }
+
+  bool string(std::string& out) {
+    if (!literal("\"")) return false;
+    size_t runStart = at;
+    out.clear();
+    for (;;) {
+      if (at >= text.size()) return false;
+      auto c = static_cast<unsigned char>(text[at]);
+      if (c == '"') break;
+      if (c < 0x20) return false;
+      if (c != '\\') {
+        ++at;
+        continue;
+      }
+      out.append(text.data() + runStart, at - runStart);
+      if (at + 1 >= text.size()) return false;
+      switch (text[at + 1]) {
+        case '"':
+          out.push_back('"');
+          break;
+        case '\\':
+          out.push_back('\\');
+          break;
+        case '/':
+          out.push_back('/');
+          break;
+        case 'b':
+          out.push_back('\b');
+          break;
+        case 'f':
+          out.push_back('\f');
+          break;
+        case 'n':
+          out.push_back('\n');
+          break;
+        case 'r':
+          out.push_back('\r');
+          break;
+        case 't':
+          out.push_back('\t');
+          break;
+        default:
+          return false;  // \u escapes and errors: the general parser decides
+      }
+      at += 2;
+      runStart = at;
+    }
+    out.append(text.data() + runStart, at - runStart);
+    ++at;
+    return platform::isValidUtf8(out);
+  }
+
+  // The span of a JSON number at `at`: -?(0|[1-9][0-9]*)(.[0-9]+)?([eE][+-]?[0-9]+)?
+  std::string_view numberText(bool& integral) {
+    size_t start = at;
+    auto digits = [&] {
+      size_t from = at;
+      while (at < text.size() && text[at] >= '0' && text[at] <= '9') ++at;
+      return at - from;
+    };
+    if (at < text.size() && text[at] == '-') ++at;
+    size_t first = at;
+    size_t whole = digits();
+    if (whole == 0 || (whole > 1 && text[first] == '0')) return {};
+    integral = true;
+    if (at < text.size() && text[at] == '.') {
+      ++at;
+      integral = false;
+      if (digits() == 0) return {};
+    }
+    if (at < text.size() && (text[at] == 'e' || text[at] == 'E')) {
+      ++at;
+      integral = false;
+      if (at < text.size() && (text[at] == '+' || text[at] == '-')) ++at;
+      if (digits() == 0) return {};
+    }
+    return text.substr(start, at - start);
+  }
+
+  bool number(double& out) {
+    bool integral = false;
+    std::string_view number = numberText(integral);
+    if (number.empty()) return false;
+    if (integral) {
+      // The general parser keeps integers as 64-bit integers and converts them; do the same.
+      int64_t value;
+      auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), value);
+      if (error != std::errc() || end != number.data() + number.size()) return false;
+      out = static_cast<double>(value);
+      return true;
+    }
+    auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), out);
+    return error == std::errc() && end == number.data() + number.size() && std::isfinite(out);
+  }
+
+  bool integer(int64_t& out) {
+    bool integral = false;
+    std::string_view number = numberText(integral);
+    if (number.empty() || !integral) return false;
+    auto [end, error] = std::from_chars(number.data(), number.data() + number.size(), out);
+    return error == std::errc() && end == number.data() + number.size();
+  }
+};
+
 }  // namespace
 
 std::string encode(const std::vector<ContentIndex::Document>& documents) {
@@ -229,6 +346,34 @@ std::string encode(const std::vector<ContentIndex::Document>& documents) {
 }
 
 std::vector<ContentIndex::Document> decode(std::string_view json) {
+  if (std::optional<std::vector<ContentIndex::Document>> documents = decodeCompact(json)) {
+    return std::move(*documents);
+  }
+  return decodeGeneral(json);
+}
+
+std::optional<std::vector<ContentIndex::Document>> decodeCompact(std::string_view json) {
+  CompactReader reader{json};
+  std::vector<ContentIndex::Document> documents;
+  if (!reader.literal("[")) return std::nullopt;
+  if (reader.literal("]")) {
+    if (!reader.atEnd()) return std::nullopt;
+    return documents;
+  }
+  do {
+    ContentIndex::Document& document = documents.emplace_back();
+    if (!reader.literal("{\"p\":") || !reader.string(document.path) || !reader.literal(",\"m\":") ||
+        !reader.number(document.modified) || !reader.literal(",\"o\":") ||
+        !reader.integer(document.offset) || !reader.literal(",\"l\":") ||
+        !reader.integer(document.length) || !reader.literal("}")) {
+      return std::nullopt;
+    }
+  } while (reader.literal(","));
+  if (!reader.literal("]") || !reader.atEnd()) return std::nullopt;
+  return documents;
+}
+
+std::vector<ContentIndex::Document> decodeGeneral(std::string_view json) {
   TableReader reader;
   bool parsed = nlohmann::json::sax_parse(json.begin(), json.end(), &reader,
                                           nlohmann::json::input_format_t::json, true, false);

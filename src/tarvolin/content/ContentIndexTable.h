@@ -4,6 +4,7 @@
 // order. The reader accepts the members in any order and ignores members it does not know.
 // Pure functions: any thread may call them.
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,7 +20,16 @@ std::string encode(const std::vector<ContentIndex::Document>& documents);
 
 /// The documents of a table, in file order. Offsets and lengths are taken as written (any
 /// 64-bit signed value); users of the ranges clamp them. Throws
-/// ContentIndexError::malformedTable.
+/// ContentIndexError::malformedTable. Tries decodeCompact first, then decodeGeneral.
 std::vector<ContentIndex::Document> decode(std::string_view json);
+
+/// The fast path: only the exact shape `encode` writes (members in order, no white space, no
+/// \u escapes). Nothing when the text has any other shape, valid JSON or not; whatever it
+/// accepts, decodeGeneral decodes to the same documents.
+std::optional<std::vector<ContentIndex::Document>> decodeCompact(std::string_view json);
+
+/// Any JSON text: a general parser, members in any order, unknown members skipped. Throws
+/// ContentIndexError::malformedTable.
+std::vector<ContentIndex::Document> decodeGeneral(std::string_view json);
 
 }  // namespace tarvolin::ContentIndexTable
