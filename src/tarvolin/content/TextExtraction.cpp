@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "tarvolin/content/PdfWorkerPool.h"
 #include "tarvolin/content/ZipReader.h"
 #include "tarvolin/platform/MappedFile.h"
 #include "tarvolin/platform/Unicode.h"
@@ -103,7 +104,7 @@ std::optional<std::string> extractedText(const std::filesystem::path& path) {
       extractedExtensions.end()) {
     return std::nullopt;
   }
-  if (extension == "pdf") return std::nullopt;  // PDF text comes with the worker pool
+  if (extension == "pdf") return PdfWorkerPool::shared().text(path);
 
   std::optional<OfficeRule> rule = officeTextEntries(extension);
   if (!rule) return std::nullopt;
