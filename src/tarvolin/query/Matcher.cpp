@@ -7,7 +7,6 @@
 #include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/Unicode.h"
 #include "tarvolin/query/FuzzyMatcher.h"
-#include "tarvolin/query/RegexLiteral.h"
 #include "tarvolin/query/detail/Evaluator.h"
 #include "tarvolin/query/detail/FuzzyScan.h"
 #include "tarvolin/query/detail/MatchSink.h"
@@ -29,20 +28,16 @@ Matcher::Matcher(std::shared_ptr<const IndexStore> store)
 
 Matcher::~Matcher() = default;
 
-const std::optional<std::string>& Matcher::regexLiteralFor(const std::string& pattern) {
-  auto found = regexLiteralCache_.find(pattern);
-  if (found == regexLiteralCache_.end()) {
-    found = regexLiteralCache_.emplace(pattern, RegexLiteral::required(pattern)).first;
-  }
-  return found->second;
-}
-
 std::vector<Match> Matcher::match(const Query& query,
                                   std::optional<std::span<const uint32_t>> candidates) {
   if (query.isEmpty()) return {};
-  if (candidates) return evaluate(query, candidates, /*parallel=*/true);
+  // The general evaluation as such: the reference every strategy below is held to.
+  using Literals = detail::Evaluator::Literals;
+  if (candidates) return evaluate(query, candidates, /*parallel=*/true, Literals::ignored);
   uint32_t n = store_->count();
-  if (n < largeIndexThreshold) return evaluate(query, std::nullopt, /*parallel=*/false);
+  if (n < largeIndexThreshold) {
+    return evaluate(query, std::nullopt, /*parallel=*/false, Literals::ignored);
+  }
 
   const bool plain = query.orGroups.empty();
   const auto& terms = query.andTerms;
@@ -63,7 +58,7 @@ std::vector<Match> Matcher::match(const Query& query,
   // Each record the scan finds is evaluated there and then, while its bytes are in cache.
   if (plain) {
     if (std::optional<std::string> literal = requiredLiteral(terms)) {
-      detail::Evaluator evaluator(resolver_, regexCache_, query);
+      detail::Evaluator evaluator(resolver_, regexCache_, query, Literals::prefilter);
       Verdict verdict = [&evaluator](uint32_t id) -> std::optional<Match> {
         if (auto outcome = evaluator.evaluate(id))
           return Match{id, outcome->quality, outcome->offset};
@@ -73,7 +68,7 @@ std::vector<Match> Matcher::match(const Query& query,
     }
   }
   // Everything else: the compiled evaluation over every record, sharded.
-  return evaluate(query, std::nullopt, /*parallel=*/true);
+  return evaluate(query, std::nullopt, /*parallel=*/true, Literals::prefilter);
 }
 
 std::optional<std::string> Matcher::requiredLiteral(const std::vector<Term>& terms) {
@@ -94,7 +89,7 @@ std::optional<std::string> Matcher::requiredLiteral(const std::vector<Term>& ter
         }
         break;
       case Term::Kind::regex:
-        if (const std::optional<std::string>& literal = regexLiteralFor(term.text())) {
+        if (const std::optional<std::string>& literal = regexCache_.requiredLiteral(term.text())) {
           consider(*literal);
         }
         break;
@@ -106,8 +101,9 @@ std::optional<std::string> Matcher::requiredLiteral(const std::vector<Term>& ter
 }
 
 std::vector<Match> Matcher::evaluate(const Query& query,
-                                     std::optional<std::span<const uint32_t>> ids, bool parallel) {
-  detail::Evaluator evaluator(resolver_, regexCache_, query);
+                                     std::optional<std::span<const uint32_t>> ids, bool parallel,
+                                     detail::Evaluator::Literals literals) {
+  detail::Evaluator evaluator(resolver_, regexCache_, query, literals);
   const IndexStore& store = *store_;
   size_t n = ids ? ids->size() : store.count();
   auto body = [&](size_t begin, size_t end, std::vector<Match>& out) {

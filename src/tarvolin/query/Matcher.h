@@ -27,6 +27,7 @@
 #include "tarvolin/query/Match.h"
 #include "tarvolin/query/Query.h"
 #include "tarvolin/query/TrigramIndex.h"
+#include "tarvolin/query/detail/Evaluator.h"
 #include "tarvolin/query/detail/NameScan.h"
 #include "tarvolin/query/detail/RegexCache.h"
 #include "tarvolin/query/detail/Sharding.h"
@@ -78,20 +79,18 @@ class Matcher {
                                const Verdict* verdict);
   std::vector<Match> multiTokenMatch(const std::vector<Term>& terms);
   std::vector<Match> pathOnlyMatch(const std::string& needle);
+  /// The evaluation of `ids` (all records when absent), in shards when `parallel`; with
+  /// `literals` = prefilter, expressions are first held to their required literal.
   std::vector<Match> evaluate(const Query& query, std::optional<std::span<const uint32_t>> ids,
-                              bool parallel);
+                              bool parallel, detail::Evaluator::Literals literals);
   /// The longest literal (lower-cased) that the name of every record matching all of `terms`
   /// must hold, or nothing.
   std::optional<std::string> requiredLiteral(const std::vector<Term>& terms);
-
-  /// The literal every match of a pattern contains, lower-cased (cached).
-  const std::optional<std::string>& regexLiteralFor(const std::string& pattern);
 
   std::shared_ptr<const IndexStore> store_;
   PathResolver resolver_;
   std::shared_ptr<const TrigramIndex> trigrams_;
   detail::RegexCache regexCache_;
-  std::unordered_map<std::string, std::optional<std::string>> regexLiteralCache_;
 };
 
 }  // namespace tarvolin

@@ -35,35 +35,39 @@ std::optional<platform::TimeRange> rangeFor(const DateConstraint& constraint, in
 
 }  // namespace
 
-Evaluator::Evaluator(const PathResolver& resolver, RegexCache& regexes, const Query& query)
+Evaluator::Evaluator(const PathResolver& resolver, RegexCache& regexes, const Query& query,
+                     Literals literals)
     : resolver_(resolver), store_(resolver.store()), now_(platform::nowSeconds()) {
   if (query.orGroups.empty()) {
-    groups_.push_back(compileList(regexes, query.andTerms));
+    groups_.push_back(compileList(regexes, query.andTerms, literals));
   } else {
-    for (const auto& group : query.orGroups) groups_.push_back(compileList(regexes, group));
+    for (const auto& group : query.orGroups) {
+      groups_.push_back(compileList(regexes, group, literals));
+    }
   }
 }
 
 Evaluator::Evaluator(const PathResolver& resolver, RegexCache& regexes, const Term& term)
     : resolver_(resolver), store_(resolver.store()), now_(platform::nowSeconds()) {
   groups_.emplace_back();
-  compile(regexes, term, false, groups_.back());
+  compile(regexes, term, false, Literals::ignored, groups_.back());
 }
 
 std::vector<CompiledTerm> Evaluator::compileList(RegexCache& regexes,
-                                                 const std::vector<Term>& terms) {
+                                                 const std::vector<Term>& terms,
+                                                 Literals literals) {
   std::vector<CompiledTerm> compiled;
-  for (const Term& term : terms) compile(regexes, term, false, compiled);
+  for (const Term& term : terms) compile(regexes, term, false, literals, compiled);
   return compiled;
 }
 
-void Evaluator::compile(RegexCache& regexes, const Term& term, bool negated,
+void Evaluator::compile(RegexCache& regexes, const Term& term, bool negated, Literals literals,
                         std::vector<CompiledTerm>& out) {
   CompiledTerm c;
   c.negated = negated;
   switch (term.kind()) {
     case Term::Kind::not_:
-      return compile(regexes, term.negatedTerm(), !negated, out);
+      return compile(regexes, term.negatedTerm(), !negated, literals, out);
     case Term::Kind::substring:
     case Term::Kind::exactPhrase:
       c.kind = negated ? CompiledTerm::Kind::booleanSubstring : CompiledTerm::Kind::scoredSubstring;
@@ -95,6 +99,7 @@ void Evaluator::compile(RegexCache& regexes, const Term& term, bool negated,
     case Term::Kind::regex:
       c.kind = CompiledTerm::Kind::regex;
       c.regex = regexes.compiled(term.text());
+      if (literals == Literals::prefilter) c.literal = &regexes.requiredLiteral(term.text());
       break;
     case Term::Kind::pathContains:
       c.kind = CompiledTerm::Kind::pathContains;
@@ -181,6 +186,7 @@ bool Evaluator::holds(const CompiledTerm& term, uint32_t id) const {
     case CompiledTerm::Kind::regex: {
       if (term.regex == nullptr) break;
       std::string_view name = store.nameBytes(id);
+      if (term.literal && *term.literal && firstOccurrence(name, **term.literal) < 0) break;
       if (platform::isValidUtf8(name)) {
         result = term.regex->search(name);
       } else {

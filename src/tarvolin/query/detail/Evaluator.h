@@ -5,8 +5,10 @@
 // in the matcher's cache), so evaluating a record allocates nothing except for regular
 // expressions over names with invalid UTF-8 and path terms holding "/".
 //
-// It is the reference the matcher's fast strategies are held to, so it takes no shortcut of
-// theirs: an expression runs on every name, without the required-literal prefilter.
+// Its plain form is the reference the matcher's fast strategies are held to, so it takes no
+// shortcut of theirs: an expression runs on every name. The strategies may ask it to hold an
+// expression to its required literal first (a name without the literal fails the term at the
+// cost of a byte search instead of a match).
 //
 // Built on the matcher's thread; `evaluate` may then be called from several threads at once.
 
@@ -44,6 +46,7 @@ struct CompiledTerm {
   SizeComparison size;
   std::optional<platform::TimeRange> dates;  // nothing: the calendar could not form it
   const platform::Regex* regex = nullptr;    // nothing: invalid pattern, matches no record
+  const std::optional<std::string>* literal = nullptr;  // prefilter of an expression, if asked
 };
 
 class Evaluator {
@@ -52,11 +55,14 @@ class Evaluator {
     MatchQuality quality;
     int32_t offset;
   };
+  /// Whether expressions are held to their required literal before they run.
+  enum class Literals { ignored, prefilter };
 
   /// Compiles the query's and-terms, or each of its or-groups, for the records of the
   /// resolver's store; expressions come from (and are added to) `regexes`. Both must outlive
   /// the evaluator.
-  Evaluator(const PathResolver& resolver, RegexCache& regexes, const Query& query);
+  Evaluator(const PathResolver& resolver, RegexCache& regexes, const Query& query,
+            Literals literals = Literals::ignored);
   /// Compiles one term on its own (for Matcher::matches).
   Evaluator(const PathResolver& resolver, RegexCache& regexes, const Term& term);
 
@@ -65,8 +71,10 @@ class Evaluator {
   std::optional<Outcome> evaluate(uint32_t id) const;
 
  private:
-  std::vector<CompiledTerm> compileList(RegexCache& regexes, const std::vector<Term>& terms);
-  void compile(RegexCache& regexes, const Term& term, bool negated, std::vector<CompiledTerm>& out);
+  std::vector<CompiledTerm> compileList(RegexCache& regexes, const std::vector<Term>& terms,
+                                        Literals literals);
+  void compile(RegexCache& regexes, const Term& term, bool negated, Literals literals,
+               std::vector<CompiledTerm>& out);
   std::optional<Outcome> evaluateList(const std::vector<CompiledTerm>& terms, uint32_t id) const;
   bool holds(const CompiledTerm& term, uint32_t id) const;
   bool pathHolds(const CompiledTerm& term, uint32_t id) const;

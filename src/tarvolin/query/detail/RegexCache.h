@@ -1,6 +1,7 @@
 #pragma once
-// The matcher's compiled regular expressions, by pattern text: each pattern is compiled on
-// first use and kept for the life of the matcher; an invalid one is remembered as such.
+// The matcher's compiled regular expressions and their required literals, by pattern text: each
+// is worked out on first use and kept for the life of the matcher; an invalid pattern is
+// remembered as such.
 //
 // Filled on the matcher's thread only (while a query is being prepared); the expressions it
 // hands out may then be used from any thread.
@@ -10,6 +11,7 @@
 #include <unordered_map>
 
 #include "tarvolin/platform/Regex.h"
+#include "tarvolin/query/RegexLiteral.h"
 
 namespace tarvolin::detail {
 
@@ -25,8 +27,19 @@ class RegexCache {
     return found->second ? &*found->second : nullptr;
   }
 
+  /// The run every match of `pattern` holds (RegexLiteral::required), or nothing. The reference
+  /// stays valid as long as the cache.
+  const std::optional<std::string>& requiredLiteral(const std::string& pattern) {
+    auto found = literals_.find(pattern);
+    if (found == literals_.end()) {
+      found = literals_.emplace(pattern, RegexLiteral::required(pattern)).first;
+    }
+    return found->second;
+  }
+
  private:
   std::unordered_map<std::string, std::optional<platform::Regex>> regexes_;
+  std::unordered_map<std::string, std::optional<std::string>> literals_;
 };
 
 }  // namespace tarvolin::detail
