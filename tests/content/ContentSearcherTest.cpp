@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/TempTree.h"
+#include "support/ZipWriter.h"
 #include "tarvolin/content/ContentSearcher.h"
 #include "tarvolin/platform/Concurrency.h"
 
@@ -20,6 +21,7 @@ namespace {
 using ContentSearcher::Hit;
 using ContentSearcher::Outcome;
 using ContentSearcher::TooManyCandidates;
+using testing::makeZip;
 using testing::TempTree;
 using testing::writeFile;
 
@@ -32,41 +34,6 @@ std::vector<Hit> hitsOf(const Outcome& outcome) {
 std::vector<Hit> searchOne(const std::string& needle, const std::string& path,
                            bool caseSensitive = false) {
   return hitsOf(ContentSearcher::search(needle, {path}, caseSensitive));
-}
-
-// A zip archive of stored entries, enough for the office formats' text to be extracted.
-std::string storedZip(const std::vector<std::pair<std::string, std::string>>& entries) {
-  auto le = [](std::string& out, uint32_t value, int bytes) {
-    for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
-  };
-  std::string body, directory;
-  for (const auto& [name, data] : entries) {
-    uint32_t offset = static_cast<uint32_t>(body.size());
-    le(body, 0x04034B50, 4);
-    le(body, 20, 2), le(body, 0, 2), le(body, 0, 2), le(body, 0, 4), le(body, 0, 4);
-    le(body, static_cast<uint32_t>(data.size()), 4),
-        le(body, static_cast<uint32_t>(data.size()), 4);
-    le(body, static_cast<uint32_t>(name.size()), 2), le(body, 0, 2);
-    body += name + data;
-    le(directory, 0x02014B50, 4);
-    le(directory, 20, 2), le(directory, 20, 2), le(directory, 0, 2), le(directory, 0, 2);
-    le(directory, 0, 4), le(directory, 0, 4);
-    le(directory, static_cast<uint32_t>(data.size()), 4);
-    le(directory, static_cast<uint32_t>(data.size()), 4);
-    le(directory, static_cast<uint32_t>(name.size()), 2);
-    le(directory, 0, 2), le(directory, 0, 2), le(directory, 0, 2), le(directory, 0, 2);
-    le(directory, 0, 4), le(directory, offset, 4);
-    directory += name;
-  }
-  std::string zip = body + directory;
-  le(zip, 0x06054B50, 4);
-  le(zip, 0, 2), le(zip, 0, 2);
-  le(zip, static_cast<uint32_t>(entries.size()), 2),
-      le(zip, static_cast<uint32_t>(entries.size()), 2);
-  le(zip, static_cast<uint32_t>(directory.size()), 4),
-      le(zip, static_cast<uint32_t>(body.size()), 4);
-  le(zip, 0, 2);
-  return zip;
 }
 
 TEST(ContentSearcherTest, EmptyNeedleFindsNothingWhateverTheCandidates) {
@@ -140,8 +107,8 @@ TEST(ContentSearcherTest, RawLiteralFoldsOnlyAsciiLetters) {
 TEST(ContentSearcherTest, DocumentTextIsLowerCasedInFull) {
   TempTree tree;
   writeFile(tree / "menu.pptx",
-            storedZip({{"ppt/slides/slide1.xml", "<p:sld><a:t>Intro</a:t></p:sld>"},
-                       {"ppt/slides/slide2.xml", "<a:t>LE CAF\xC3\x89 EST \xC3\x89TROIT</a:t>"}}));
+            makeZip({{"ppt/slides/slide1.xml", "<p:sld><a:t>Intro</a:t></p:sld>"},
+                     {"ppt/slides/slide2.xml", "<a:t>LE CAF\xC3\x89 EST \xC3\x89TROIT</a:t>"}}));
   std::string path = (tree / "menu.pptx").string();
   EXPECT_EQ(searchOne("caf\xC3\xA9", path),
             (std::vector<Hit>{{path, 2, "le caf\xC3\xA9 est \xC3\xA9troit"}}));
