@@ -75,6 +75,12 @@ TEST(ContentSearcherTest, NeedlesBetweenSlashesAreExpressionsOnlyWhenTheyCanBe) 
       {"/fo(o/", "foo\n", 0, ""},
       {"/^bar$/", "foo\nbar\nbaz\n", 2, "bar"},  // anchors match at line breaks
       {"/^BAZ/", "foo\r\nbar\r\nbaz\r\n", 3, "baz"},
+      {"/a.b/",
+       "x\na\xFF"
+       "b\n",
+       2,
+       "a\xEF\xBF\xBD"
+       "b"},                                                       // invalid bytes read as U+FFFD
       {"/b.r\\nbaz/", "foo\n  bar\nbaz  \nqux\n", 2, "bar\nbaz"},  // the lines around the match
   };
   for (const Case& c : cases) {

@@ -75,6 +75,10 @@ std::string_view readPrefix(const std::string& path) {
   return {buffer.get(), got};
 }
 
+bool isBinary(std::string_view data) {
+  return std::memchr(data.data(), 0, std::min(data.size(), binaryProbeBytes)) != nullptr;
+}
+
 template <typename Predicate>
 std::string_view trim(std::string_view text, Predicate isTrimmed) {
   size_t start = 0;
@@ -144,9 +148,7 @@ std::optional<Hit> scanOne(const std::string& path, std::string_view pattern, bo
   }
   std::string_view data = readPrefix(path);
   if (data.empty()) return std::nullopt;
-  if (std::memchr(data.data(), 0, std::min(data.size(), binaryProbeBytes)) != nullptr) {
-    return std::nullopt;
-  }
+  if (isBinary(data)) return std::nullopt;
   if (pattern.empty() || pattern.size() > data.size()) return std::nullopt;
   size_t position = caseSensitive ? data.find(pattern) : findFolded(data, pattern);
   if (position == std::string_view::npos) return std::nullopt;
@@ -170,12 +172,22 @@ size_t terminatorLength(std::string_view text, size_t i) {
 std::optional<Hit> regexScan(const platform::Regex& regex, const std::string& path) {
   if (!isRegularFile(path)) return std::nullopt;
   std::optional<std::string> text = TextExtraction::extractedText(path);
-  if (!text) text = TextExtraction::plainText(path);
-  if (!text) return std::nullopt;
-  std::optional<std::pair<size_t, size_t>> match = regex.find(*text);
+  std::string_view subject;
+  if (text) {
+    subject = *text;
+  } else {
+    // Plain text, read as the raw scan reads it. Well-formed bytes are searched where they lie
+    // (decoding would not change them); others are decoded with replacement first.
+    subject = readPrefix(path);
+    if (subject.empty() || isBinary(subject)) return std::nullopt;
+    if (!platform::isValidUtf8(subject)) {
+      text = platform::decodeUtf8Lossy(subject);
+      subject = *text;
+    }
+  }
+  std::optional<std::pair<size_t, size_t>> match = regex.find(subject);
   if (!match) return std::nullopt;
   auto [matchStart, matchEnd] = *match;
-  std::string_view subject = *text;
   size_t start = matchStart;
   while (start > 0) {
     size_t back = start - 1;  // a terminator ends at start - 1
