@@ -4,7 +4,6 @@
 
 #include "tarvolin/index/ParentWalk.h"
 #include "tarvolin/platform/Concurrency.h"
-#include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/Unicode.h"
 #include "tarvolin/query/FuzzyMatcher.h"
 #include "tarvolin/query/detail/Evaluator.h"
@@ -212,10 +211,7 @@ std::vector<Match> Matcher::pathOnlyMatch(const std::string& needle) {
   // them. Parents usually come before children, so one pass in ID order reuses the parent's
   // value; a parent that comes later is walked explicitly.
   constexpr uint16_t kFar = ParentWalk::maxDepth + 1;
-  std::vector<uint16_t> distance;
-  distance.reserve(n);
-  platform::prefaultForWriting(distance.data(), size_t{n} * sizeof(uint16_t));
-  distance.assign(n, kFar);
+  std::vector<uint16_t> distance(n, kFar);
   {
     detail::ScanKernel kernel = detail::preferredKernel(store);
     std::vector<Match> own =

@@ -56,7 +56,9 @@ std::vector<Match> fuzzyScan(const IndexStore& store, const std::string& needle,
   forEachShard(n, [&](size_t s, size_t begin, size_t end) {
     auto skip = std::lower_bound(excluded.begin(), excluded.end(), static_cast<uint32_t>(begin));
     // Candidates are taken a few thousand records at a time into one small list that is reused,
-    // so the prefilter never writes more fresh memory than that list.
+    // so the prefilter never writes more fresh memory than that list. fuzzyFallback in
+    // bench/MatcherBench.cpp (2 M names): 10.5 ms CPU with steps of 512 or 4096 records, 14.5 ms
+    // with 65536.
     constexpr size_t kStep = 4096;
     std::vector<Match> holding;
     holding.reserve(kStep);

@@ -1,7 +1,5 @@
 #include "tarvolin/query/detail/Sharding.h"
 
-#include "tarvolin/platform/Memory.h"
-
 namespace tarvolin::detail {
 
 size_t shardCount(size_t n) {
@@ -15,7 +13,6 @@ std::vector<Match> joined(std::vector<std::vector<Match>>& slots) {
   size_t total = all.size();
   for (size_t s = 1; s < slots.size(); ++s) total += slots[s].size();
   all.reserve(total);
-  platform::prefaultForWriting(all.data() + all.size(), (total - all.size()) * sizeof(Match));
   for (size_t s = 1; s < slots.size(); ++s) all.insert(all.end(), slots[s].begin(), slots[s].end());
   return all;
 }

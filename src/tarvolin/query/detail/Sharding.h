@@ -41,8 +41,7 @@ size_t forEachShard(size_t n, Body&& body) {
   return shards;
 }
 
-/// The lists of `slots` one after the other, in the first one's storage when it has room (the
-/// rest of it is backed in one call before the copies).
+/// The lists of `slots` one after the other, in the first one's storage when it has room.
 std::vector<Match> joined(std::vector<std::vector<Match>>& slots);
 
 /// Runs body(begin, end, out) over [0, n) in shards and joins the results in shard order. Every
