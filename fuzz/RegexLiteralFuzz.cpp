@@ -8,14 +8,16 @@
 //     quantifiers), so the check sees real matches on every run, not only when the fuzzer
 //     happens to guess a subject.
 // Raw input is matched by the engine in byte mode (ASCII case folding), since it may be any
-// bytes; generated input by the library's own expressions, as names are matched (it never holds
-// the few characters that fold onto ASCII letters, such as the Kelvin sign: a known limit of a
-// byte prefilter).
+// bytes, and, when pattern and subject are both well-formed UTF-8, also by the library's own
+// expressions, as names are matched. Generated input is matched by the library's expressions;
+// its subjects spell "k" and "s" now and then as U+212A (Kelvin sign) and U+017F (long s), which
+// those expressions match caselessly.
 
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
 #include <algorithm>
+#include <bitset>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -23,6 +25,7 @@
 #include <string_view>
 
 #include "tarvolin/platform/Regex.h"
+#include "tarvolin/platform/Unicode.h"
 #include "tarvolin/query/RegexLiteral.h"
 
 using namespace tarvolin;
@@ -60,13 +63,21 @@ void checkRaw(std::string_view input) {
   (void)RegexLiteral::containsAlternation(pattern);
   if (!run) return;
   if (run->size() < 2) __builtin_trap();
-  if (std::any_of(run->begin(), run->end(), [](char c) { return c >= 'A' && c <= 'Z'; })) {
+  const std::bitset<128>& beyond = RegexLiteral::caselessBeyondAscii();
+  if (std::any_of(run->begin(), run->end(), [&beyond](char c) {
+        auto code = static_cast<unsigned char>(c);
+        return (c >= 'A' && c <= 'Z') || (code < 128 && beyond[code]);
+      })) {
     __builtin_trap();
   }
   if (split == std::string_view::npos || pattern.size() > 2000) return;
   std::string_view subject = input.substr(split + 1);
   if (asciiFolded(subject).find(*run) != std::string::npos) return;
   if (matchesBytes(pattern, subject)) __builtin_trap();
+  if (platform::isValidUtf8(pattern) && platform::isValidUtf8(subject)) {
+    std::optional<platform::Regex> regex = platform::Regex::compile(pattern);
+    if (regex && regex->search(subject)) __builtin_trap();
+  }
 }
 
 // Builds a pattern and a text it matches from the fuzzer's bytes.
@@ -83,7 +94,22 @@ class Generator {
   uint8_t next() { return at_ < size_ ? data_[at_++] : 0; }
   bool exhausted() const { return at_ >= size_ || patternBudget_ <= 0; }
 
-  char letter() { return static_cast<char>("abcxyzABCXYZ019_-"[next() % 17]); }
+  char letter() { return static_cast<char>("abcksxyzABCKSXYZ019_-"[next() % 21]); }
+
+  // How a subject spells a literal of the pattern: itself, in the other case, or for "k" and
+  // "s" the non-ASCII characters that caseless matching takes for them.
+  void spell(char c, std::string& subject) {
+    uint8_t choice = next() % 4;
+    if (choice == 1 && (c | 0x20) == 'k') {
+      subject += "\xE2\x84\xAA";
+    } else if (choice == 1 && (c | 0x20) == 's') {
+      subject += "\xC5\xBF";
+    } else if (choice >= 2 && ((c | 0x20) >= 'a' && (c | 0x20) <= 'z')) {
+      subject += static_cast<char>(c ^ 0x20);
+    } else {
+      subject += c;
+    }
+  }
 
   void item(int depth, std::string& pattern, std::string& subject) {
     --patternBudget_;
@@ -143,7 +169,7 @@ class Generator {
       case 2: {  // a literal, in the other case half of the time
         char c = letter();
         pattern += c;
-        subject += (next() & 1) && c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c;
+        spell(c, subject);
         return true;
       }
       case 3: {  // an escaped metacharacter
@@ -189,9 +215,9 @@ class Generator {
         pattern += "\\Q";
         int length = next() % 5;
         for (int k = 0; k < length; ++k) {
-          char c = "ab.*(|x?"[next() % 8];
+          char c = "abks.*(|x?"[next() % 10];
           pattern += c;
-          subject += c;
+          spell(c, subject);
         }
         pattern += "\\E";
         return false;
