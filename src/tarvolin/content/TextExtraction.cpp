@@ -120,26 +120,33 @@ std::optional<std::string> extractedText(const std::filesystem::path& path) {
 }
 
 std::string textFromXML(std::span<const uint8_t> xml) {
-  std::string out;
-  out.reserve(xml.size());
-  bool inTag = false, lastWasSpace = false;
-  for (uint8_t b : xml) {
-    if (b == '>') {
-      inTag = false;
-    } else if (b == '<') {
-      inTag = true;
-      if (!lastWasSpace) out += ' ';
+  // The output is never longer than the input: write through a pointer into a buffer of the
+  // input's size, and skip a tag's inside in one search for its end (inside a tag nothing is
+  // output and the last output is already a space).
+  std::string out(xml.size(), '\0');
+  char* write = out.data();
+  const uint8_t* at = xml.data();
+  const uint8_t* const end = at + xml.size();
+  bool lastWasSpace = false;
+  while (at < end) {
+    uint8_t b = *at++;
+    if (b == '<') {
+      if (!lastWasSpace) *write++ = ' ';
       lastWasSpace = true;
-    } else if (inTag) {
+      const void* close = std::memchr(at, '>', static_cast<size_t>(end - at));
+      if (close == nullptr) break;
+      at = static_cast<const uint8_t*>(close) + 1;
+    } else if (b == '>') {
       continue;
     } else if (isSpaceByte(b)) {
-      if (!lastWasSpace) out += ' ';
+      if (!lastWasSpace) *write++ = ' ';
       lastWasSpace = true;
     } else {
-      out += static_cast<char>(b);
+      *write++ = static_cast<char>(b);
       lastWasSpace = false;
     }
   }
+  out.resize(static_cast<size_t>(write - out.data()));
   if (platform::isValidUtf8(out)) return out;
   return platform::decodeUtf8Lossy(out);
 }
