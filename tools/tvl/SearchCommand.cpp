@@ -2,9 +2,15 @@
 // sizes or dates the index lacks, and a summary line with the count and the time taken.
 
 #include <cinttypes>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <variant>
 
 #include "Commands.h"
 #include "Output.h"
+#include "tarvolin/content/ContentSearcher.h"
 #include "tarvolin/index/PathResolver.h"
 #include "tarvolin/platform/Clock.h"
 #include "tarvolin/query/Matcher.h"
@@ -16,6 +22,8 @@ namespace tvl {
 namespace {
 
 constexpr int64_t kShownResults = 20;
+// A contains: search reads the files of the best this many name matches.
+constexpr int64_t kContentCandidates = 5000;
 
 void printAttributeWarning(const tarvolin::Query& query, const tarvolin::IndexStore& store) {
   if (!query.requiresAttributes()) return;
@@ -36,6 +44,64 @@ void printAttributeWarning(const tarvolin::Query& query, const tarvolin::IndexSt
   }
 }
 
+struct ContentResults {
+  std::vector<tarvolin::RankedResult> shown;
+  std::vector<std::string> shownPaths;
+  int64_t total = 0;
+  std::string suffix;
+  std::unordered_map<std::string, tarvolin::ContentSearcher::Hit> hits;  // first hit per path
+};
+
+// The name query narrows to the best candidates; each needle's hits among their files are
+// intersected; the survivors keep their name rank.
+ContentResults searchContents(const tarvolin::Query::ContentSplit& split,
+                              const std::shared_ptr<const tarvolin::IndexStore>& store) {
+  tarvolin::Matcher matcher(store);
+  tarvolin::Ranker ranker(store);
+  std::vector<tarvolin::RankedResult> ranked =
+      ranker.rank(matcher.match(split.name), kContentCandidates);
+  tarvolin::PathResolver resolver(store);
+  std::vector<std::string> candidates;
+  candidates.reserve(ranked.size());
+  for (const tarvolin::RankedResult& result : ranked) {
+    candidates.push_back(resolver.absolutePath(result.match.id));
+  }
+
+  ContentResults results;
+  std::optional<std::unordered_set<std::string>> surviving;
+  for (const std::string& needle : split.contentNeedles) {
+    tarvolin::ContentSearcher::Outcome outcome = tarvolin::ContentSearcher::search(
+        needle, candidates, /*caseSensitive=*/false, kContentCandidates);
+    if (const auto* refused = std::get_if<tarvolin::ContentSearcher::TooManyCandidates>(&outcome)) {
+      output::errorLine(std::to_string(refused->count) +
+                        " candidates is too many to read; narrow the name query first");
+      throw ExitRequest{2};
+    }
+    std::unordered_set<std::string> found;
+    for (const tarvolin::ContentSearcher::Hit& hit :
+         std::get<std::vector<tarvolin::ContentSearcher::Hit>>(outcome)) {
+      found.insert(hit.path);
+      results.hits.try_emplace(hit.path, hit);
+    }
+    if (!surviving) {
+      surviving = std::move(found);
+    } else {
+      std::erase_if(*surviving, [&](const std::string& path) { return !found.contains(path); });
+    }
+  }
+
+  for (size_t i = 0; i < ranked.size(); ++i) {
+    if (!surviving || !surviving->contains(candidates[i])) continue;
+    ++results.total;
+    if (static_cast<int64_t>(results.shown.size()) < kShownResults) {
+      results.shown.push_back(ranked[i]);
+      results.shownPaths.push_back(candidates[i]);
+    }
+  }
+  results.suffix = "  (read " + std::to_string(candidates.size()) + " candidates)";
+  return results;
+}
+
 }  // namespace
 
 int runSearch(const Context& context) {
@@ -50,8 +116,21 @@ int runSearch(const Context& context) {
       output::errorLine("contains: needs something to narrow by, e.g. `.swift contains:foo`");
       throw ExitRequest{2};
     }
-    output::errorLine("tvl: contains: searches are not available in this build yet");
-    throw ExitRequest{1};
+    ContentResults results = searchContents(split, store);
+    for (size_t i = 0; i < results.shownPaths.size(); ++i) {
+      const std::string& path = results.shownPaths[i];
+      output::line("  " + path);
+      if (auto hit = results.hits.find(path); hit != results.hits.end()) {
+        output::line("      " + std::to_string(hit->second.line) + ": " + hit->second.preview);
+      }
+    }
+    double elapsedMs =
+        static_cast<double>(tarvolin::platform::monotonicNanoseconds() - start) / 1e6;
+    printAttributeWarning(query, *store);
+    output::format("\n%" PRId64 " matches in %.2fms (showing %" PRId64 ")%s\n", results.total,
+                   elapsedMs, static_cast<int64_t>(results.shown.size()),
+                   results.suffix.c_str());
+    return 0;
   }
 
   tarvolin::Matcher matcher(store);
