@@ -257,10 +257,9 @@ ContentIndex build(const std::vector<std::filesystem::path>& folders, const Cont
   platform::concurrentPerform(admitted.size(), [&](size_t i) {
     if (cancelled()) return;
     const std::string& path = admitted[i];
-    int64_t scanned;
     {
       std::lock_guard<std::mutex> guard(lock);
-      scanned = ++filesScanned;
+      ++filesScanned;
     }
     std::optional<FileFacts> facts = factsOf(path);
     if (!facts || facts->size < 1 || facts->size > maxFileBytes) return;
@@ -278,11 +277,14 @@ ContentIndex build(const std::vector<std::filesystem::path>& folders, const Cont
     if (!text || text->empty()) return;
     std::string bytes = platform::lowercase(*text);
     text.reset();
-    int64_t gathered;
+    // Both counts as they stand now: every gathered document has begun, so a report never
+    // shows fewer files begun than documents gathered, whichever thread finishes first.
+    int64_t gathered, scanned;
     {
       std::lock_guard<std::mutex> guard(lock);
       entries.push_back(Entry{i, path, facts->modified, std::move(bytes)});
       gathered = static_cast<int64_t>(entries.size());
+      scanned = filesScanned;
     }
     if (onProgress && gathered % kProgressEvery == 0) {
       onProgress(Progress{scanned, gathered, 0});
