@@ -31,14 +31,16 @@ const IndexBuilder& largeBuilder() {
   static IndexBuilder builder = [] {
     IndexBuilder b(2'000'000, 30'000'000);
     std::mt19937 random(7);
-    uint32_t folder = b.addEntry(std::string_view(""), FileRecord::rootParentID,
-                                 RecordFlags::isDirectory, 0);
+    uint32_t folder =
+        b.addEntry(std::string_view(""), FileRecord::rootParentID, RecordFlags::isDirectory, 0);
     char name[32];
     for (uint32_t i = 1; b.recordCount() < 2'000'000; ++i) {
-      int length = std::snprintf(name, sizeof name, "file_%07u_%03u.txt", i, unsigned(random() % 1000));
+      int length =
+          std::snprintf(name, sizeof name, "file_%07u_%03u.txt", i, unsigned(random() % 1000));
       bool isFolder = i % 20 == 0;
-      uint32_t id = b.addEntry(std::string_view(name, static_cast<size_t>(length - (isFolder ? 4 : 0))),
-                               folder, isFolder ? RecordFlags::isDirectory : RecordFlags(), 0);
+      uint32_t id =
+          b.addEntry(std::string_view(name, static_cast<size_t>(length - (isFolder ? 4 : 0))),
+                     folder, isFolder ? RecordFlags::isDirectory : RecordFlags(), 0);
       if (isFolder) folder = id;
     }
     return b;

@@ -8,8 +8,8 @@
 #include <benchmark/benchmark.h>
 
 #include <chrono>
-#include <ctime>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -83,13 +83,15 @@ BENCHMARK(BM_DirectoryScanner_Scan)->Arg(0)->Arg(3)->Unit(benchmark::kMillisecon
 void BM_AttributeFiller_Fill(benchmark::State& state) {
   IndexBuilder builder = scanner(3).scan(benchTree(), 0).builder;
   auto appetite = static_cast<AttributeFiller::Appetite>(state.range(0));
-  AttributeFiller::fill(builder, [] { return true; }, false, appetite, nullptr);
+  AttributeFiller::fill(
+      builder, [] { return true; }, false, appetite, nullptr);
   if (!builder.records().back().flags.contains(RecordFlags::attrsFilled)) {
     state.SkipWithError("fill left records empty");
   }
   BusyMeter busy;
   for (auto _ : state) {
-    AttributeFiller::fill(builder, [] { return true; }, false, appetite, nullptr);
+    AttributeFiller::fill(
+        builder, [] { return true; }, false, appetite, nullptr);
   }
   busy.report(state);
   state.SetItemsProcessed(state.iterations() * builder.recordCount());

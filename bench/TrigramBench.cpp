@@ -11,8 +11,8 @@
 namespace {
 
 std::vector<std::string> millionNames() {
-  static const char* words[] = {"report", "final", "draft", "IMG", "photo", "index", "main",
-                                "config", "readme", "test", "build", "module", "util", "data"};
+  static const char* words[] = {"report", "final",  "draft", "IMG",   "photo",  "index", "main",
+                                "config", "readme", "test",  "build", "module", "util",  "data"};
   static const char* extensions[] = {".txt", ".md", ".jpg", ".h", ".cpp", ".json", ".pdf", ""};
   std::mt19937 random(3);
   std::vector<std::string> names;
@@ -31,9 +31,9 @@ std::vector<std::string> millionNames() {
 void BM_TrigramIndex_Build(benchmark::State& state) {
   static const std::vector<std::string> names = millionNames();
   for (auto _ : state) {
-    auto index = tarvolin::TrigramIndex::build(
-        [&](uint32_t id) { return std::string_view(names[id]); },
-        static_cast<uint32_t>(names.size()), nullptr);
+    auto index =
+        tarvolin::TrigramIndex::build([&](uint32_t id) { return std::string_view(names[id]); },
+                                      static_cast<uint32_t>(names.size()), nullptr);
     benchmark::DoNotOptimize(index.byteSize());
     state.counters["keys"] = static_cast<double>(index.keys().size());
   }

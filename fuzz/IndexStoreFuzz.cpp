@@ -11,18 +11,18 @@
 #include <string>
 #include <vector>
 
+#include "tarvolin/index/ChildrenIndex.h"
 #include "tarvolin/index/FastHash64.h"
 #include "tarvolin/index/IndexError.h"
 #include "tarvolin/index/IndexHeader.h"
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/index/PathResolver.h"
-#include "tarvolin/index/ChildrenIndex.h"
 
 namespace {
 
 const std::filesystem::path& scratchPath() {
-  static const std::filesystem::path path =
-      std::filesystem::temp_directory_path() / ("tarvolin-fuzz-" + std::to_string(getpid()) + ".bin");
+  static const std::filesystem::path path = std::filesystem::temp_directory_path() /
+                                            ("tarvolin-fuzz-" + std::to_string(getpid()) + ".bin");
   return path;
 }
 

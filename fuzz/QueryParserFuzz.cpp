@@ -3,15 +3,14 @@
 // The query then runs through the matcher over a small index large enough for every fast
 // strategy, which must find the same records as the general evaluation of the same query.
 
-#include <cstddef>
-#include <cstdint>
-#include <string_view>
-
 #include <unistd.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "tarvolin/index/IndexBuilder.h"
@@ -29,7 +28,8 @@ namespace {
 // folders, with sizes on most of them.
 std::shared_ptr<const IndexStore> fuzzStore() {
   static std::shared_ptr<const IndexStore> store = [] {
-    const char* words[] = {"ab", "Report", "x_y", "IMG_", "a.b", "\xc3\xa9t\xc3\xa9", "src", "..", "Q"};
+    const char* words[] = {"ab",  "Report", "x_y", "IMG_", "a.b", "\xc3\xa9t\xc3\xa9",
+                           "src", "..",     "Q"};
     IndexBuilder builder;
     std::vector<uint32_t> folders{builder.addEntry(std::string_view(""), FileRecord::rootParentID,
                                                    RecordFlags::isDirectory, 0)};

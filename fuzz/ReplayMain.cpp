@@ -20,7 +20,8 @@ int replay(const std::filesystem::path& file) {
     std::fprintf(stderr, "cannot read %s\n", file.c_str());
     return 1;
   }
-  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)),
+                             std::istreambuf_iterator<char>());
   // A null pointer for no bytes, as the engine passes an empty input.
   LLVMFuzzerTestOneInput(bytes.empty() ? nullptr : bytes.data(), bytes.size());
   return 0;

@@ -50,7 +50,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   p %= 256;
   blockCount %= 16;
   uint32_t header[8] = {tarvolin::TrigramIndex::fileMagic, 1, 42, 0, blockCount, k, p, 0};
-  std::vector<uint8_t> file(reinterpret_cast<uint8_t*>(header), reinterpret_cast<uint8_t*>(header) + 32);
+  std::vector<uint8_t> file(reinterpret_cast<uint8_t*>(header),
+                            reinterpret_cast<uint8_t*>(header) + 32);
   file.insert(file.end(), data + 12, data + size);
   file.resize(32 + 4 * (2 * size_t{k} + 1 + p), 0);
   tryLoad(file);

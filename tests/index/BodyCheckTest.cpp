@@ -1,5 +1,3 @@
-#include "tarvolin/index/detail/BodyCheck.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -9,6 +7,7 @@
 
 #include "tarvolin/index/FastHash64.h"
 #include "tarvolin/index/FileRecord.h"
+#include "tarvolin/index/detail/BodyCheck.h"
 #include "tarvolin/platform/CpuFeatures.h"
 
 namespace tarvolin::detail {
@@ -51,11 +50,14 @@ TEST(BodyCheckTest, KernelsAgreeWithThePlainReading) {
       r.size = random();
     }
     // A blob that ends just before, at or after the last name (never over 4000 bytes).
-    int64_t end = static_cast<int64_t>(std::min<uint64_t>(offset, 4000)) + int64_t(random() % 5) - 2;
+    int64_t end =
+        static_cast<int64_t>(std::min<uint64_t>(offset, 4000)) + int64_t(random() % 5) - 2;
     auto blobLength = static_cast<uint32_t>(std::clamp<int64_t>(end, 0, 4000));
     std::vector<uint8_t> body(records.size() * sizeof(FileRecord) + blobLength);
-    if (!records.empty()) std::memcpy(body.data(), records.data(), records.size() * sizeof(FileRecord));
-    for (size_t i = records.size() * sizeof(FileRecord); i < body.size(); ++i) body[i] = static_cast<uint8_t>(random());
+    if (!records.empty())
+      std::memcpy(body.data(), records.data(), records.size() * sizeof(FileRecord));
+    for (size_t i = records.size() * sizeof(FileRecord); i < body.size(); ++i)
+      body[i] = static_cast<uint8_t>(random());
 
     BodyCheck want = expected(records, blobLength, body);
     for (CheckKernel kernel : kernels) {

@@ -1,9 +1,9 @@
-#include "tarvolin/index/FastHash64.h"
-
 #include <gtest/gtest.h>
 
 #include <numeric>
 #include <vector>
+
+#include "tarvolin/index/FastHash64.h"
 
 namespace tarvolin {
 namespace {

@@ -1,9 +1,8 @@
-#include "tarvolin/index/IndexBuilder.h"
-
 #include <gtest/gtest.h>
 
 #include "support/IndexFixture.h"
 #include "support/TempTree.h"
+#include "tarvolin/index/IndexBuilder.h"
 #include "tarvolin/index/IndexStore.h"
 
 namespace tarvolin {
@@ -33,7 +32,8 @@ TEST(IndexBuilderTest, NameCutInsideACharacterDecodesWithReplacement) {
   IndexBuilder builder;
   std::string name(254, 'a');
   name += "\xC3\xA9";  // é straddles the 255-byte limit
-  uint32_t id = builder.addEntry(std::string_view(name), FileRecord::rootParentID, RecordFlags(), 0);
+  uint32_t id =
+      builder.addEntry(std::string_view(name), FileRecord::rootParentID, RecordFlags(), 0);
   EXPECT_EQ(builder[id].nameLen, 255);
   EXPECT_EQ(builder.name(id), std::string(254, 'a') + "\xEF\xBF\xBD");
 }
@@ -44,8 +44,8 @@ TEST(IndexBuilderTest, MergeRebasesLinksAndOffsetsAndKeepsAttributes) {
   uint32_t folder = main.addEntry(std::string_view("dir"), 0, RecordFlags::isDirectory, 0);
 
   IndexBuilder part;
-  uint32_t sub = part.addEntry(std::string_view("sub"), FileRecord::rootParentID,
-                               RecordFlags::isDirectory, 0);
+  uint32_t sub =
+      part.addEntry(std::string_view("sub"), FileRecord::rootParentID, RecordFlags::isDirectory, 0);
   uint32_t file = part.addEntry(std::string_view("file.txt"), sub, RecordFlags(), 0);
   part.setAttributes(file, 10, 20);
 
@@ -65,8 +65,8 @@ TEST(IndexBuilderTest, MergeRebasesLinksAndOffsetsAndKeepsAttributes) {
 TEST(IndexBuilderTest, CopyVolumeCopiesOneVolumeAndDropsOrphans) {
   testing::TempTree tree;
   IndexBuilder source;
-  uint32_t top0 = source.addEntry(std::string_view(""), FileRecord::rootParentID,
-                                  RecordFlags::isDirectory, 0);
+  uint32_t top0 =
+      source.addEntry(std::string_view(""), FileRecord::rootParentID, RecordFlags::isDirectory, 0);
   uint32_t top1 = source.addEntry(std::string_view("C:"), FileRecord::rootParentID,
                                   RecordFlags::isDirectory, 1);
   // A child that comes before its parent is dropped with its subtree.

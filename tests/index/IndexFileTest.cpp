@@ -69,7 +69,8 @@ TEST(IndexHeaderTest, DecodeChecksInOrder) {
     }
     return std::nullopt;
   };
-  EXPECT_EQ(decodeError(std::vector<uint8_t>(good.begin(), good.end() - 1)), IndexError::truncated());
+  EXPECT_EQ(decodeError(std::vector<uint8_t>(good.begin(), good.end() - 1)),
+            IndexError::truncated());
   EXPECT_EQ(decodeError(std::vector<uint8_t>(4096, 0)), IndexError::badMagic());
 
   std::vector<uint8_t> old = good;
@@ -212,7 +213,9 @@ TEST(IndexStoreTest, LoadIndexMapsEveryFailureToItsReason) {
       {"cut inside the blob", [](std::string& b) { b.resize(b.size() - 2); }, {K::truncated}},
       {"flipped record bit", [](std::string& b) { b[4096 + 5] ^= 0x01; }, {K::corrupt}},
       {"flipped blob bit", [](std::string& b) { b[b.size() - 1] ^= 0x40; }, {K::corrupt}},
-      {"record count too large", [](std::string& b) { poke<uint32_t>(b, 8, 1000); }, {K::truncated}},
+      {"record count too large",
+       [](std::string& b) { poke<uint32_t>(b, 8, 1000); },
+       {K::truncated}},
   };
   TempTree tree;
   IndexBuilder builder = sampleBuilder();
@@ -232,23 +235,27 @@ TEST(IndexStoreTest, AcceptsHeaderNoiseAndTrailingBytes) {
   TempTree tree;
   IndexWriter::write(sampleBuilder(), {{"local", "/", 0, true}}, tree / "good.bin");
   std::string good = readFile(tree / "good.bin");
-  for (auto damage : {+[](std::string& b) { b[30] ^= 0x10; },
-                      +[](std::string& b) { b += "trailing bytes"; }}) {
+  for (auto damage :
+       {+[](std::string& b) { b[30] ^= 0x10; }, +[](std::string& b) { b += "trailing bytes"; }}) {
     std::string bytes = good;
     damage(bytes);
     writeFile(tree / "ok.bin", bytes);
-    EXPECT_TRUE(std::holds_alternative<std::shared_ptr<const IndexStore>>(loadIndex(tree / "ok.bin")));
+    EXPECT_TRUE(
+        std::holds_alternative<std::shared_ptr<const IndexStore>>(loadIndex(tree / "ok.bin")));
   }
 }
 
 TEST(IndexStoreTest, MissingFolderAndPipe) {
   TempTree tree;
-  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "none.bin")), RebuildReason{RebuildReason::Kind::missing});
+  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "none.bin")),
+            RebuildReason{RebuildReason::Kind::missing});
   std::filesystem::create_directory(tree / "dir.bin");
-  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "dir.bin")), RebuildReason{RebuildReason::Kind::truncated});
+  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "dir.bin")),
+            RebuildReason{RebuildReason::Kind::truncated});
   // A named pipe is refused at once, not waited on for a writer.
   ASSERT_EQ(::mkfifo((tree / "pipe.bin").c_str(), 0600), 0);
-  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "pipe.bin")), RebuildReason{RebuildReason::Kind::truncated});
+  EXPECT_EQ(std::get<RebuildReason>(loadIndex(tree / "pipe.bin")),
+            RebuildReason{RebuildReason::Kind::truncated});
 }
 
 // Records that point outside the file, with the checksum made to match: refused, not trusted.
@@ -273,23 +280,32 @@ TEST(IndexStoreTest, RefusesForgedRecordsWithAMatchingChecksum) {
     bool namesInRecordOrder;
   };
   const ForgeCase cases[] = {
-      {"name far past the blob", [&](std::string& b) { poke<uint32_t>(b, record(1, 4), 0x7FFFFFFF); }, false, false},
-      {"name past the blob in a whole step", [&](std::string& b) { poke<uint32_t>(b, record(70, 4), blobLength); }, false, false},
-      {"last name one byte too long", [&](std::string& b) { b[record(count - 1, 20)] += 1; }, false, true},
-      {"parent just past the table", [&](std::string& b) { poke<uint32_t>(b, record(80, 0), count); }, false, true},
-      {"parent below the top marker", [&](std::string& b) { poke<uint32_t>(b, record(count - 1, 0), 0xFFFFFFFE); }, false, true},
-      {"name out of order but inside", [&](std::string& b) { poke<uint32_t>(b, record(100, 4), 0); }, true, false},
-      {"last parent in the table", [&](std::string& b) { poke<uint32_t>(b, record(3, 0), count - 1); }, true, true},
+      {"name far past the blob",
+       [&](std::string& b) { poke<uint32_t>(b, record(1, 4), 0x7FFFFFFF); }, false, false},
+      {"name past the blob in a whole step",
+       [&](std::string& b) { poke<uint32_t>(b, record(70, 4), blobLength); }, false, false},
+      {"last name one byte too long", [&](std::string& b) { b[record(count - 1, 20)] += 1; }, false,
+       true},
+      {"parent just past the table",
+       [&](std::string& b) { poke<uint32_t>(b, record(80, 0), count); }, false, true},
+      {"parent below the top marker",
+       [&](std::string& b) { poke<uint32_t>(b, record(count - 1, 0), 0xFFFFFFFE); }, false, true},
+      {"name out of order but inside",
+       [&](std::string& b) { poke<uint32_t>(b, record(100, 4), 0); }, true, false},
+      {"last parent in the table",
+       [&](std::string& b) { poke<uint32_t>(b, record(3, 0), count - 1); }, true, true},
   };
   for (const ForgeCase& c : cases) {
     std::string bytes = good;
     c.forge(bytes);
-    std::span<const uint8_t> body(reinterpret_cast<const uint8_t*>(bytes.data()) + 4096, bytes.size() - 4096);
+    std::span<const uint8_t> body(reinterpret_cast<const uint8_t*>(bytes.data()) + 4096,
+                                  bytes.size() - 4096);
     poke<uint64_t>(bytes, 16, FastHash64::hash(body));
     writeFile(tree / "forged.bin", bytes);
     IndexLoadOutcome outcome = loadIndex(tree / "forged.bin");
     if (!c.loads) {
-      EXPECT_EQ(std::get<RebuildReason>(outcome), RebuildReason{RebuildReason::Kind::corrupt}) << c.what;
+      EXPECT_EQ(std::get<RebuildReason>(outcome), RebuildReason{RebuildReason::Kind::corrupt})
+          << c.what;
       continue;
     }
     auto* store = std::get_if<std::shared_ptr<const IndexStore>>(&outcome);

@@ -1,11 +1,10 @@
-#include "tarvolin/platform/AtomicFile.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "support/TempTree.h"
+#include "tarvolin/platform/AtomicFile.h"
 
 namespace tarvolin::platform {
 namespace {

@@ -1,10 +1,10 @@
-#include "tarvolin/platform/Calendar.h"
-
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <ctime>
 #include <string>
+
+#include "tarvolin/platform/Calendar.h"
 
 namespace tarvolin::platform {
 namespace {
@@ -92,10 +92,10 @@ TEST(CalendarTest, DaysBeforeKeepsTheLocalClockTimeAcrossAChange) {
     int64_t expected;
   } cases[] = {
       {0, march11Noon},
-      {1, march11Noon - kDay},               // 03-10 12:00 EDT
-      {2, march11Noon - 2 * kDay + kHour},   // 03-09 12:00 EST: one hour more ago
-      {-3, march11Noon + 3 * kDay},          // in the future
-      {31, march11Noon - 31 * kDay + kHour}, // 02-09, across the month end
+      {1, march11Noon - kDay},                // 03-10 12:00 EDT
+      {2, march11Noon - 2 * kDay + kHour},    // 03-09 12:00 EST: one hour more ago
+      {-3, march11Noon + 3 * kDay},           // in the future
+      {31, march11Noon - 31 * kDay + kHour},  // 02-09, across the month end
   };
   for (const Case& c : cases) {
     EXPECT_EQ(daysBefore(march11Noon, c.days), c.expected) << c.days;

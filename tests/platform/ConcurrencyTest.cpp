@@ -1,5 +1,3 @@
-#include "tarvolin/platform/Concurrency.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -7,6 +5,7 @@
 #include <vector>
 
 #include "support/RunTool.h"
+#include "tarvolin/platform/Concurrency.h"
 
 namespace tarvolin::platform {
 namespace {

@@ -1,7 +1,5 @@
-#include "tarvolin/platform/DirectoryReader.h"
-
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +7,7 @@
 
 #include "support/DeepChain.h"
 #include "support/TempTree.h"
+#include "tarvolin/platform/DirectoryReader.h"
 
 namespace tarvolin::platform {
 namespace {
@@ -20,7 +19,8 @@ std::map<std::string, EntryType> listAll(DirectoryReader& reader, const std::str
   EXPECT_EQ(reader.open(path.c_str()), 0) << path;
   EXPECT_EQ(reader.forEach([&](const DirectoryEntry& entry) {
     entries[std::string(entry.name)] = entry.type;
-  }), 0);
+  }),
+            0);
   return entries;
 }
 
@@ -35,9 +35,8 @@ TEST(DirectoryReaderTest, ListsNamesAndTypesWithoutDotEntries) {
   DirectoryReader reader;
   auto entries = listAll(reader, tree.root().string());
   std::map<std::string, EntryType> expected = {
-      {"file.txt", EntryType::regular}, {"dir", EntryType::directory},
-      {"link", EntryType::symlink},     {"dangling", EntryType::symlink},
-      {"fifo", EntryType::fifo},        {odd, EntryType::regular},
+      {"file.txt", EntryType::regular}, {"dir", EntryType::directory}, {"link", EntryType::symlink},
+      {"dangling", EntryType::symlink}, {"fifo", EntryType::fifo},     {odd, EntryType::regular},
       {longest, EntryType::regular}};
   EXPECT_EQ(entries, expected);
 }
@@ -65,9 +64,11 @@ TEST(DirectoryReaderTest, OpensPathsLongerThanPathMax) {
   ASSERT_GT(deep.size(), 6000u);
 
   DirectoryReader reader;
-  EXPECT_EQ(listAll(reader, deep), (std::map<std::string, EntryType>{{"leaf", EntryType::regular}}));
+  EXPECT_EQ(listAll(reader, deep),
+            (std::map<std::string, EntryType>{{"leaf", EntryType::regular}}));
   std::string parent = deep.substr(0, deep.size() - name.size() - 1);
-  EXPECT_EQ(listAll(reader, parent), (std::map<std::string, EntryType>{{name, EntryType::directory}}));
+  EXPECT_EQ(listAll(reader, parent),
+            (std::map<std::string, EntryType>{{name, EntryType::directory}}));
   EXPECT_EQ(reader.open((deep + "/missing").c_str()), ENOENT);
   EXPECT_EQ(reader.open((deep + "/leaf").c_str()), ENOTDIR);
   reader.close();

@@ -1,10 +1,9 @@
-#include "tarvolin/platform/FolderLock.h"
-
 #include <gtest/gtest.h>
 
 #include <system_error>
 
 #include "support/TempTree.h"
+#include "tarvolin/platform/FolderLock.h"
 
 namespace tarvolin::platform {
 namespace {

@@ -1,11 +1,10 @@
-#include "tarvolin/platform/MappedFile.h"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <system_error>
 
 #include "support/TempTree.h"
+#include "tarvolin/platform/MappedFile.h"
 
 namespace tarvolin::platform {
 namespace {

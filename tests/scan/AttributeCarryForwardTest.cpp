@@ -1,10 +1,9 @@
-#include "tarvolin/scan/AttributeCarryForward.h"
-
 #include <gtest/gtest.h>
 
 #include "support/IndexFixture.h"
 #include "support/RecordPaths.h"
 #include "support/TempTree.h"
+#include "tarvolin/scan/AttributeCarryForward.h"
 
 namespace tarvolin {
 namespace {
@@ -30,9 +29,11 @@ class AttributeCarryForwardTest : public ::testing::Test {
 };
 
 TEST_F(AttributeCarryForwardTest, IdenticalTreesCarryEveryRecord) {
-  std::vector<FixtureEntry> entries = {
-      {"/Users/", 0, 10}, {"/Users/me/", 0, 20}, {"/Users/me/a.txt", 5, 30},
-      {"/Users/me/docs/", 0, 40}, {"/Users/me/docs/b.pdf", 5'000'000'000, 50}};
+  std::vector<FixtureEntry> entries = {{"/Users/", 0, 10},
+                                       {"/Users/me/", 0, 20},
+                                       {"/Users/me/a.txt", 5, 30},
+                                       {"/Users/me/docs/", 0, 40},
+                                       {"/Users/me/docs/b.pdf", 5'000'000'000, 50}};
   auto old = store(buildTree(entries));
   for (FixtureEntry& entry : entries) entry.size.reset();
   IndexBuilder fresh = buildTree(entries);

@@ -1,5 +1,3 @@
-#include "tarvolin/scan/AttributeFiller.h"
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -9,6 +7,7 @@
 
 #include "support/RecordPaths.h"
 #include "support/TempTree.h"
+#include "tarvolin/scan/AttributeFiller.h"
 #include "tarvolin/scan/DirectoryScanner.h"
 
 namespace tarvolin {
@@ -66,9 +65,12 @@ TEST(AttributeFillerTest, FillsSizesAndTimesOfEveryRecord) {
     uint32_t mtime;
   };
   const Expected cases[] = {
-      {"/dir/small", 1234, 1'000'000'000},    {"/huge", 5'000'000'000, 0},
-      {"/old", 0, 0},                         {"/future", 0, 0xFFFFFFFF},
-      {"/dir/sub", 0, 1'234'567'890},         {"/link", 3, 1'100'000'000},
+      {"/dir/small", 1234, 1'000'000'000},
+      {"/huge", 5'000'000'000, 0},
+      {"/old", 0, 0},
+      {"/future", 0, 0xFFFFFFFF},
+      {"/dir/sub", 0, 1'234'567'890},
+      {"/link", 3, 1'100'000'000},
   };
   for (const Expected& expected : cases) {
     std::optional<uint32_t> id = idOf(builder, root + expected.path);
@@ -127,7 +129,8 @@ TEST(AttributeFillerTest, OnlyMissingListsTheDirectoriesWithNewEntriesAndTheirPa
 TEST(AttributeFillerTest, StoppingFillsNothingMore) {
   TempTree tree{"a/b", "c"};
   IndexBuilder builder = scanned(tree.root().string());
-  AttributeFiller::fill(builder, [] { return false; }, false, Appetite::watching, nullptr);
+  AttributeFiller::fill(
+      builder, [] { return false; }, false, Appetite::watching, nullptr);
   for (const FileRecord& record : builder.records()) {
     EXPECT_FALSE(record.flags.contains(RecordFlags::attrsFilled));
   }

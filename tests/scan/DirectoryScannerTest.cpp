@@ -1,17 +1,16 @@
-#include "tarvolin/scan/DirectoryScanner.h"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <mutex>
 #include <map>
+#include <mutex>
 
 #include "support/DeepChain.h"
 #include "support/RecordPaths.h"
 #include "support/TempTree.h"
+#include "tarvolin/scan/DirectoryScanner.h"
 #include "tarvolin/scan/detail/ScanTally.h"
 
 namespace tarvolin {
@@ -46,14 +45,29 @@ int depthBelow(const IndexBuilder& builder, uint32_t id, uint32_t rootID) {
 }
 
 TEST(DirectoryScannerTest, RecordsEveryEntryOnceInTheOrderOfSeedingAndJobs) {
-  TempTree tree{"a/a1/a11/f1", "a/a1/a12/", "a/a2/f2", "a/f3", "b/b1/b11/f4", "b/b2/", "c",
-                "d/d1/d11/d111/f5", ".e/f6"};
-  const std::map<std::string, uint8_t> expected = {
-      {"a", kDir}, {"a/a1", kDir}, {"a/a1/a11", kDir}, {"a/a1/a11/f1", 0}, {"a/a1/a12", kDir},
-      {"a/a2", kDir}, {"a/a2/f2", 0}, {"a/f3", 0}, {"b", kDir}, {"b/b1", kDir},
-      {"b/b1/b11", kDir}, {"b/b1/b11/f4", 0}, {"b/b2", kDir}, {"c", 0}, {"d", kDir},
-      {"d/d1", kDir}, {"d/d1/d11", kDir}, {"d/d1/d11/d111", kDir}, {"d/d1/d11/d111/f5", 0},
-      {".e", kDir | kHidden}, {".e/f6", 0}};
+  TempTree tree{"a/a1/a11/f1", "a/a1/a12/", "a/a2/f2",          "a/f3", "b/b1/b11/f4",
+                "b/b2/",       "c",         "d/d1/d11/d111/f5", ".e/f6"};
+  const std::map<std::string, uint8_t> expected = {{"a", kDir},
+                                                   {"a/a1", kDir},
+                                                   {"a/a1/a11", kDir},
+                                                   {"a/a1/a11/f1", 0},
+                                                   {"a/a1/a12", kDir},
+                                                   {"a/a2", kDir},
+                                                   {"a/a2/f2", 0},
+                                                   {"a/f3", 0},
+                                                   {"b", kDir},
+                                                   {"b/b1", kDir},
+                                                   {"b/b1/b11", kDir},
+                                                   {"b/b1/b11/f4", 0},
+                                                   {"b/b2", kDir},
+                                                   {"c", 0},
+                                                   {"d", kDir},
+                                                   {"d/d1", kDir},
+                                                   {"d/d1/d11", kDir},
+                                                   {"d/d1/d11/d111", kDir},
+                                                   {"d/d1/d11/d111/f5", 0},
+                                                   {".e", kDir | kHidden},
+                                                   {".e/f6", 0}};
   const std::string root = tree.root().string();
   for (int64_t seedDepth : {0, 1, 2, 3, 10}) {
     SCOPED_TRACE("seed depth " + std::to_string(seedDepth));
@@ -130,19 +144,26 @@ TEST(DirectoryScannerTest, RootChainForTheFileSystemRootAndTrailingSlashes) {
 }
 
 TEST(DirectoryScannerTest, PolicyStoresLinksAndBundles) {
-  TempTree tree{"Photos.noindex/inner",     "Backups.backupdb/inner", "skip/inner",
-                "Mail.app/Contents/Info",   ".hidden/inner",          "dir/inner",
-                "link -> dir",              "loop -> .",              "dir/up -> .."};
+  TempTree tree{"Photos.noindex/inner", "Backups.backupdb/inner",
+                "skip/inner",           "Mail.app/Contents/Info",
+                ".hidden/inner",        "dir/inner",
+                "link -> dir",          "loop -> .",
+                "dir/up -> .."};
   std::string root = tree.root().string();
   ScanResult result = scannerWith(1, ScanPolicy{{root + "/skip"}}).scan(root, 0);
-  std::map<std::string, uint8_t> expected = {
-      {"Photos.noindex", kDir},          {"Backups.backupdb", kDir},
-      {"skip", kDir},                    {"Mail.app", kDir | kApp},
-      {"Mail.app/Contents", kDir},       {"Mail.app/Contents/Info", 0},
-      {".hidden", kDir | kHidden},       {".hidden/inner", 0},
-      {"dir", kDir},                     {"dir/inner", 0},
-      {"dir/up", kLink},                 {"link", kLink},
-      {"loop", kLink}};
+  std::map<std::string, uint8_t> expected = {{"Photos.noindex", kDir},
+                                             {"Backups.backupdb", kDir},
+                                             {"skip", kDir},
+                                             {"Mail.app", kDir | kApp},
+                                             {"Mail.app/Contents", kDir},
+                                             {"Mail.app/Contents/Info", 0},
+                                             {".hidden", kDir | kHidden},
+                                             {".hidden/inner", 0},
+                                             {"dir", kDir},
+                                             {"dir/inner", 0},
+                                             {"dir/up", kLink},
+                                             {"link", kLink},
+                                             {"loop", kLink}};
   EXPECT_EQ(entriesBelow(result.builder, root), expected);
 
   // A root inside a store is listed, but nothing below it is entered.
@@ -161,10 +182,8 @@ TEST(DirectoryScannerTest, OddNamesAreRecordedByteForByte) {
   std::filesystem::create_directories(tree / longest / "child");
   std::string root = tree.root().string();
   ScanResult result = scannerWith(2).scan(root, 0);
-  std::map<std::string, uint8_t> expected = {{odd, kDir},
-                                             {odd + "/child", kDir},
-                                             {longest, kDir},
-                                             {longest + "/child", kDir}};
+  std::map<std::string, uint8_t> expected = {
+      {odd, kDir}, {odd + "/child", kDir}, {longest, kDir}, {longest + "/child", kDir}};
   EXPECT_EQ(entriesBelow(result.builder, root), expected);
 }
 
@@ -221,7 +240,8 @@ TEST(DirectoryScannerTest, ProgressIsThrottledAndReachesTheTotal) {
     std::lock_guard guard(lock);
     counts.push_back(count);
   };
-  ScanResult result = DirectoryScanner(ScanPolicy{}, 1, 0, "").scan(root, 0, record, [] { return true; });
+  ScanResult result =
+      DirectoryScanner(ScanPolicy{}, 1, 0, "").scan(root, 0, record, [] { return true; });
   ASSERT_FALSE(counts.empty());
   EXPECT_EQ(*std::max_element(counts.begin(), counts.end()), result.entriesScanned);
 

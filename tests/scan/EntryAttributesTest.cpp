@@ -1,10 +1,9 @@
-#include "tarvolin/scan/detail/EntryAttributes.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
 
 #include "support/TempTree.h"
+#include "tarvolin/scan/detail/EntryAttributes.h"
 
 namespace tarvolin::detail {
 namespace {
@@ -20,8 +19,8 @@ TEST(EntryAttributesTest, StatByNameAgreesWithListing) {
   testing::writeFile(tree / odd, "x");
 
   IndexBuilder builder;
-  uint32_t top = builder.addEntry(std::string_view(""), FileRecord::rootParentID,
-                                  RecordFlags::isDirectory, 0);
+  uint32_t top =
+      builder.addEntry(std::string_view(""), FileRecord::rootParentID, RecordFlags::isDirectory, 0);
   std::vector<uint32_t> childIDs;
   for (std::string name : {"file", "dir", "link", "dangling", "deleted", ".hidden", "twice",
                            "twice", "never-there", "", ".", "..", "dir/inner", odd.c_str()}) {

@@ -1,7 +1,6 @@
-#include "tarvolin/scan/ScanPolicy.h"
-
 #include <gtest/gtest.h>
 
+#include "tarvolin/scan/ScanPolicy.h"
 #include "tarvolin/scan/detail/DescentFilter.h"
 
 namespace tarvolin {
@@ -33,7 +32,7 @@ TEST(ScanPolicyTest, ShouldDescendRules) {
       {"/Volumes/Disk/Old.backupbundle", false},
       {"/Volumes/Disk/.Trashes", false},
       {"/Volumes/Disk/2024-01-31-235959.backup", false},
-      {"/Volumes/Disk/2024-01-31-23595.backup", true},   // 16 characters before ".backup"
+      {"/Volumes/Disk/2024-01-31-23595.backup", true},  // 16 characters before ".backup"
       {"/Volumes/Disk/2024_01-31-235959.backup", true},
       {"/Volumes/Disk/2024-01-31-23595\xD9\xA9.backup", true},  // an Arabic-Indic digit
       {"/Users/me/Photos.noindex", false},
@@ -90,7 +89,8 @@ TEST(ScanPolicyTest, StockPolicies) {
     if (path != "/Users") return std::nullopt;
     return std::vector<std::string>{"alice", "bob", ".localized", "Shared"};
   };
-  ScanPolicy::PathSet others = ScanPolicy::otherUserPrivateFolders("/Users", "/Users/alice/", users);
+  ScanPolicy::PathSet others =
+      ScanPolicy::otherUserPrivateFolders("/Users", "/Users/alice/", users);
   ScanPolicy::PathSet expected;
   for (const char* folder : {"Desktop", "Documents", "Downloads", "Library", "Movies", "Music",
                              "Pictures", "Applications", ".Trash"}) {
@@ -124,12 +124,30 @@ TEST(ScanPolicyTest, StockPolicies) {
 TEST(ScanPolicyTest, ScannerFilterAgreesWithTheFullTest) {
   ScanPolicy policy{ScanPolicy::defaultExclusions()};
   policy = policy.adding({"/data/skip", "/data/" + kComposed, "/K"});
-  const std::string roots[] = {"", "/data", "/Volumes/B/Backups.backupdb", "/x/a.noindex",
-                               "/x/a.noindex\xCC\x81", "/data/" + kDecomposed, "//data"};
-  const std::string names[] = {"skip", "proc", "sys", "a.noindex", ".noindex", "b.sparsebundle",
-                               ".Trashes", "2024-01-31-235959.backup", "plain", "x.app",
-                               kComposed, kDecomposed, "\xE2\x84\xAA", "bad\xFF.noindex",
-                               "bad\xFF", "dir.noindex\xCC\x81", "\xD9\x80.noindex",
+  const std::string roots[] = {"",
+                               "/data",
+                               "/Volumes/B/Backups.backupdb",
+                               "/x/a.noindex",
+                               "/x/a.noindex\xCC\x81",
+                               "/data/" + kDecomposed,
+                               "//data"};
+  const std::string names[] = {"skip",
+                               "proc",
+                               "sys",
+                               "a.noindex",
+                               ".noindex",
+                               "b.sparsebundle",
+                               ".Trashes",
+                               "2024-01-31-235959.backup",
+                               "plain",
+                               "x.app",
+                               kComposed,
+                               kDecomposed,
+                               "\xE2\x84\xAA",
+                               "bad\xFF.noindex",
+                               "bad\xFF",
+                               "dir.noindex\xCC\x81",
+                               "\xD9\x80.noindex",
                                "\xD8\x80.noindex"};  // U+0600 joins the character after it
   for (const std::string& root : roots) {
     detail::DescentFilter filter(policy, root);

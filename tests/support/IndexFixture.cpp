@@ -10,8 +10,8 @@ namespace tarvolin::testing {
 
 IndexBuilder buildTree(const std::vector<FixtureEntry>& entries) {
   IndexBuilder builder;
-  uint32_t top = builder.addEntry(std::string_view(""), FileRecord::rootParentID,
-                                  RecordFlags::isDirectory, 0);
+  uint32_t top =
+      builder.addEntry(std::string_view(""), FileRecord::rootParentID, RecordFlags::isDirectory, 0);
   std::map<std::string, uint32_t> folders{{"", top}};
   for (const FixtureEntry& entry : entries) {
     std::string path = entry.path;

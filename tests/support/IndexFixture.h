@@ -15,7 +15,7 @@
 namespace tarvolin::testing {
 
 struct FixtureEntry {
-  std::string path;  // absolute, e.g. "/Users/me/a.txt"; a trailing "/" marks a folder
+  std::string path;              // absolute, e.g. "/Users/me/a.txt"; a trailing "/" marks a folder
   std::optional<uint64_t> size;  // with mtime: attributes filled
   uint32_t mtime = 0;
   RecordFlags extraFlags;

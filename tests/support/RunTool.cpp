@@ -66,8 +66,8 @@ std::string maskMilliseconds(const std::string& text) {
   size_t copied = 0;
   for (size_t at = text.find("ms"); at != std::string::npos; at = text.find("ms", at + 2)) {
     size_t start = at;
-    while (start > copied && (std::isdigit(static_cast<unsigned char>(text[start - 1])) ||
-                              text[start - 1] == '.')) {
+    while (start > copied &&
+           (std::isdigit(static_cast<unsigned char>(text[start - 1])) || text[start - 1] == '.')) {
       --start;
     }
     if (start == at) continue;

@@ -1,6 +1,6 @@
 #pragma once
-// Runs the built tvl binary (or another built program) with arguments and a chosen HOME, capturing both output channels and
-// the exit status, for tests of the tool's exact output.
+// Runs the built tvl binary (or another built program) with arguments and a chosen HOME, capturing
+// both output channels and the exit status, for tests of the tool's exact output.
 
 #include <string>
 #include <vector>

@@ -33,8 +33,8 @@ class ContentCommandsTest : public ::testing::Test {
                                        const std::string& after, const std::string& mask) {
     for (size_t at = text.find(before); at != std::string::npos; at = text.find(before, at + 1)) {
       size_t start = at + before.size(), end = start;
-      while (end < text.size() && (std::isdigit(static_cast<unsigned char>(text[end])) ||
-                                   text[end] == '.')) {
+      while (end < text.size() &&
+             (std::isdigit(static_cast<unsigned char>(text[end])) || text[end] == '.')) {
         ++end;
       }
       if (end > start && text.compare(end, after.size(), after) == 0) {
@@ -56,7 +56,8 @@ TEST_F(ContentCommandsTest, ContentListsTheFoldersAndReportsTheIndex) {
   EXPECT_EQ(masked(built.out), "Reading documents in:\n  " + (docs_ / "a").string() + "\n  " +
                                    (docs_ / "b").string() +
                                    "\n\n  2 documents, 0.0 MB of text, built in Ts\n"
-                                   "  written to " + contentPath() + " (S MB)\n");
+                                   "  written to " +
+                                   contentPath() + " (S MB)\n");
 
   auto found = tvl({"find", "invoice", "4711"});
   EXPECT_EQ(found.status, 0);
@@ -72,9 +73,11 @@ TEST_F(ContentCommandsTest, ContentWithoutFoldersReadsTheThreeDefaults) {
   EXPECT_EQ(built.status, 0) << built.err;
   std::string home = home_.root().string();
   EXPECT_EQ(masked(built.out), "Reading documents in:\n  " + home + "/Documents\n  " + home +
-                                   "/Desktop\n  " + home + "/Downloads\n\n"
+                                   "/Desktop\n  " + home +
+                                   "/Downloads\n\n"
                                    "  0 documents, 0.0 MB of text, built in Ts\n"
-                                   "  written to " + contentPath() + " (S MB)\n");
+                                   "  written to " +
+                                   contentPath() + " (S MB)\n");
 }
 
 TEST_F(ContentCommandsTest, ContentThatCannotBeWrittenFailsAndPrintsNoSummary) {
@@ -135,25 +138,29 @@ TEST_F(ContainsSearchTest, NarrowsByNameAndShowsTheFirstHit) {
   auto result = tvl({"search", "ext:txt", "contains:todo"});
   EXPECT_EQ(result.status, 0) << result.err;
   std::string root = docs_.root().string();
-  EXPECT_EQ(masked(result.out),
-            "  " + root + "/src/beta.txt\n"
-            "      1: todo later\n"
-            "  " + root + "/src/alpha.txt\n"
-            "      2: TODO: fix the parser\n"
-            "\n"
-            "2 matches in Tms (showing 2)  (read 3 candidates)\n");
+  EXPECT_EQ(masked(result.out), "  " + root +
+                                    "/src/beta.txt\n"
+                                    "      1: todo later\n"
+                                    "  " +
+                                    root +
+                                    "/src/alpha.txt\n"
+                                    "      2: TODO: fix the parser\n"
+                                    "\n"
+                                    "2 matches in Tms (showing 2)  (read 3 candidates)\n");
 }
 
 TEST_F(ContainsSearchTest, NeedlesIntersectAndTheFirstNeedleGivesTheLine) {
   std::string root = docs_.root().string();
   auto both = tvl({"search", "ext:txt", "contains:fix", "contains:todo"});
-  EXPECT_EQ(masked(both.out),
-            "  " + root + "/src/beta.txt\n"
-            "      2: and a fixme\n"
-            "  " + root + "/src/alpha.txt\n"
-            "      2: TODO: fix the parser\n"
-            "\n"
-            "2 matches in Tms (showing 2)  (read 3 candidates)\n");
+  EXPECT_EQ(masked(both.out), "  " + root +
+                                  "/src/beta.txt\n"
+                                  "      2: and a fixme\n"
+                                  "  " +
+                                  root +
+                                  "/src/alpha.txt\n"
+                                  "      2: TODO: fix the parser\n"
+                                  "\n"
+                                  "2 matches in Tms (showing 2)  (read 3 candidates)\n");
   auto disjoint = tvl({"search", "ext:txt", "contains:parser", "contains:later", "contains:o"});
   EXPECT_EQ(masked(disjoint.out), "\n0 matches in Tms (showing 0)  (read 3 candidates)\n");
 }

@@ -32,8 +32,8 @@ const std::string kHelp =
 
 TEST(DispatchTest, HelpForNoUnknownOrEmptyCommands) {
   TempTree home;
-  const std::vector<std::vector<std::string>> calls = {
-      {}, {"help"}, {"SEARCH", "x"}, {"search"}, {"find"}, {"--help"}};
+  const std::vector<std::vector<std::string>> calls = {{},         {"help"}, {"SEARCH", "x"},
+                                                       {"search"}, {"find"}, {"--help"}};
   for (const auto& args : calls) {
     auto result = runTool(args, home.root().string());
     EXPECT_EQ(result.out, kHelp) << (args.empty() ? "" : args[0]);

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "support/IndexFixture.h"
 #include "support/RunTool.h"
 #include "support/TempTree.h"
@@ -31,8 +30,10 @@ class SearchCommandTest : public ::testing::Test {
 };
 
 TEST_F(SearchCommandTest, PrintsRankedPathsAndTheSummary) {
-  writeIndex(testing::buildTree({{"/Users/me/report.md"}, {"/Users/me/old/report-2023.md"},
-                                 {"/Users/me/notes.txt"}, {"/Users/me/docs/"}}));
+  writeIndex(testing::buildTree({{"/Users/me/report.md"},
+                                 {"/Users/me/old/report-2023.md"},
+                                 {"/Users/me/notes.txt"},
+                                 {"/Users/me/docs/"}}));
   auto result = search({"report", "ext:md"});
   EXPECT_EQ(result.status, 0);
   EXPECT_EQ(result.err, "");

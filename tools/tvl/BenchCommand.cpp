@@ -16,8 +16,16 @@ namespace tvl {
 namespace {
 
 const char* const kBenchQueries[] = {
-    "a",          "report",      "playground", "ext:swift", "size:>10mb", "ext:swift size:>10mb",
-    "ext:txt | ext:bin", "ext:txt,bin", "!ext:swift", "/^IMG_\\d+/",
+    "a",
+    "report",
+    "playground",
+    "ext:swift",
+    "size:>10mb",
+    "ext:swift size:>10mb",
+    "ext:txt | ext:bin",
+    "ext:txt,bin",
+    "!ext:swift",
+    "/^IMG_\\d+/",
 };
 
 double millisecondsSince(uint64_t start) {

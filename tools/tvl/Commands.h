@@ -15,11 +15,11 @@ class IndexStore;
 namespace tvl {
 
 struct Context {
-  std::string home;                  // the home directory's path
-  std::filesystem::path indexPath;   // home + "/Library/Application Support/Tarvolin/index.bin"
-  std::filesystem::path contentPath; // the content index beside it
-  std::vector<std::string> words;    // the words after the command
-  std::string text() const;          // the words joined with single blanks
+  std::string home;                   // the home directory's path
+  std::filesystem::path indexPath;    // home + "/Library/Application Support/Tarvolin/index.bin"
+  std::filesystem::path contentPath;  // the content index beside it
+  std::vector<std::string> words;     // the words after the command
+  std::string text() const;           // the words joined with single blanks
 };
 
 /// Ends the run with `status` once the stack has unwound (so buffers are flushed).

@@ -37,8 +37,8 @@ std::shared_ptr<const tarvolin::IndexStore> openIndexOrExit(const Context& conte
   if (auto* store = std::get_if<std::shared_ptr<const tarvolin::IndexStore>>(&outcome)) {
     return *store;
   }
-  output::errorLine(messageFor(std::get<tarvolin::RebuildReason>(outcome),
-                               context.indexPath.string()));
+  output::errorLine(
+      messageFor(std::get<tarvolin::RebuildReason>(outcome), context.indexPath.string()));
   throw ExitRequest{1};
 }
 

@@ -7,7 +7,8 @@ namespace tvl::output {
 namespace {
 // Large enough that a normal run prints with a single write(2).
 char stdoutBuffer[1 << 16];
-[[maybe_unused]] const bool buffered = std::setvbuf(stdout, stdoutBuffer, _IOFBF, sizeof stdoutBuffer) == 0;
+[[maybe_unused]] const bool buffered =
+    std::setvbuf(stdout, stdoutBuffer, _IOFBF, sizeof stdoutBuffer) == 0;
 }  // namespace
 
 void line(std::string_view text) {

@@ -36,8 +36,9 @@ int runScan(const Context& context) {
   output::line("Scanning " + root + "\u2026");
   output::flush();  // show the line while the scan runs
 
-  tarvolin::DirectoryScanner scanner(tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()},
-                                     kSeedDepth, kProgressInterval, context.home);
+  tarvolin::DirectoryScanner scanner(
+      tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()}, kSeedDepth,
+      kProgressInterval, context.home);
   tarvolin::ScanResult result = scanner.scan(root, 0);
 
   double seconds = std::max(result.duration, kShortestDuration);
@@ -53,8 +54,7 @@ int runScan(const Context& context) {
     std::filesystem::path folder = context.indexPath.parent_path();
     if (std::filesystem::is_directory(folder, missing) &&
         !tarvolin::platform::FolderLock::tryLock(folder)) {
-      output::errorLine("tvl: another scan is writing " + indexPath +
-                        "; waiting for it to finish");
+      output::errorLine("tvl: another scan is writing " + indexPath + "; waiting for it to finish");
     }
     tarvolin::IndexWriter::write(result.builder, {{"local", root, 0, true}}, context.indexPath);
   } catch (const std::system_error& error) {

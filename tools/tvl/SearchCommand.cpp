@@ -32,13 +32,15 @@ void printAttributeWarning(const tarvolin::Query& query, const tarvolin::IndexSt
       return;
     case tarvolin::AttrsCompleteness::none:
       output::line("");
-      output::line("  size: and dm: filters need file attributes, which this index does not have yet.");
+      output::line(
+          "  size: and dm: filters need file attributes, which this index does not have yet.");
       output::line("  (Attributes are filled by the first scan and by \"Refresh\" -- not by");
       output::line("  automatic background rescans -- so results below may be incomplete.)");
       return;
     case tarvolin::AttrsCompleteness::partial:
       output::line("");
-      output::line("  size: and dm: filters are matched against a PARTIALLY attribute-filled index --");
+      output::line(
+          "  size: and dm: filters are matched against a PARTIALLY attribute-filled index --");
       output::line("  results below are real but may be missing some matches.");
       return;
   }
@@ -128,8 +130,7 @@ int runSearch(const Context& context) {
         static_cast<double>(tarvolin::platform::monotonicNanoseconds() - start) / 1e6;
     printAttributeWarning(query, *store);
     output::format("\n%" PRId64 " matches in %.2fms (showing %" PRId64 ")%s\n", results.total,
-                   elapsedMs, static_cast<int64_t>(results.shown.size()),
-                   results.suffix.c_str());
+                   elapsedMs, static_cast<int64_t>(results.shown.size()), results.suffix.c_str());
     return 0;
   }
 

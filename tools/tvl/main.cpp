@@ -50,8 +50,8 @@ constexpr CommandEntry kCommands[] = {
 int run(int argc, char** argv) {
   tvl::Context context;
   context.home = tarvolin::platform::homeDirectory();
-  std::filesystem::path folder = std::filesystem::path(context.home) / "Library" /
-                                 "Application Support" / "Tarvolin";
+  std::filesystem::path folder =
+      std::filesystem::path(context.home) / "Library" / "Application Support" / "Tarvolin";
   context.indexPath = folder / "index.bin";
   context.contentPath = folder / "content.bin";
 

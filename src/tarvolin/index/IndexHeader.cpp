@@ -81,9 +81,15 @@ IndexHeader IndexHeader::decode(std::span<const uint8_t> bytes) {
   header.nameBlobLength = get<uint32_t>(bytes, 12);
   header.checksum = get<uint64_t>(bytes, 16);
   switch (bytes[28]) {
-    case 2: header.attrsCompleteness = AttrsCompleteness::complete; break;
-    case 1: header.attrsCompleteness = AttrsCompleteness::partial; break;
-    default: header.attrsCompleteness = AttrsCompleteness::none; break;
+    case 2:
+      header.attrsCompleteness = AttrsCompleteness::complete;
+      break;
+    case 1:
+      header.attrsCompleteness = AttrsCompleteness::partial;
+      break;
+    default:
+      header.attrsCompleteness = AttrsCompleteness::none;
+      break;
   }
   header.volumes.reserve(volumeCount);
   for (uint32_t i = 0; i < volumeCount; ++i) {

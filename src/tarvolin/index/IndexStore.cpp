@@ -22,11 +22,11 @@ IndexStore::IndexStore(const std::filesystem::path& path) {
                     header_.nameBlobLength;
   if (file_.size() < needed) throw IndexError::truncated();
 
-  std::span<const uint8_t> body = file_.bytes().subspan(IndexHeader::byteSize,
-                                                        needed - IndexHeader::byteSize);
-  detail::BodyCheck check =
-      detail::checkBody(body, header_.recordCount, header_.nameBlobLength,
-                        platform::hasAvx2() ? detail::CheckKernel::avx2 : detail::CheckKernel::scalar);
+  std::span<const uint8_t> body =
+      file_.bytes().subspan(IndexHeader::byteSize, needed - IndexHeader::byteSize);
+  detail::BodyCheck check = detail::checkBody(
+      body, header_.recordCount, header_.nameBlobLength,
+      platform::hasAvx2() ? detail::CheckKernel::avx2 : detail::CheckKernel::scalar);
   if (check.checksum != header_.checksum || !check.linksInside) {
     throw IndexError::checksumMismatch();
   }
@@ -48,9 +48,12 @@ IndexLoadOutcome loadIndex(const std::filesystem::path& path) {
       case IndexError::Kind::versionMismatch:
         return RebuildReason{RebuildReason::Kind::versionMismatch, failure.found(),
                              failure.expected()};
-      case IndexError::Kind::badMagic: return RebuildReason{RebuildReason::Kind::badMagic};
-      case IndexError::Kind::checksumMismatch: return RebuildReason{RebuildReason::Kind::corrupt};
-      case IndexError::Kind::truncated: return RebuildReason{RebuildReason::Kind::truncated};
+      case IndexError::Kind::badMagic:
+        return RebuildReason{RebuildReason::Kind::badMagic};
+      case IndexError::Kind::checksumMismatch:
+        return RebuildReason{RebuildReason::Kind::corrupt};
+      case IndexError::Kind::truncated:
+        return RebuildReason{RebuildReason::Kind::truncated};
       case IndexError::Kind::tooManyVolumes:
         return RebuildReason{RebuildReason::Kind::tooManyVolumes};
     }

@@ -19,7 +19,8 @@ std::filesystem::path withTmpExtension(const std::filesystem::path& target) {
 }
 
 void syncFolder(const std::filesystem::path& folder) {
-  FileDescriptor dir = FileDescriptor::tryOpen(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
+  FileDescriptor dir =
+      FileDescriptor::tryOpen(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
   // A folder that cannot be opened for fsync (some file systems refuse) does not undo the rename.
   if (!dir.valid()) return;
   ::fsync(dir.get());
@@ -69,7 +70,8 @@ void AtomicFile::commit() {
   try {
     fd_.sync();
     fd_.close();
-    if (::rename(temporary_.c_str(), target_.c_str()) != 0) throwErrno("rename " + target_.string());
+    if (::rename(temporary_.c_str(), target_.c_str()) != 0)
+      throwErrno("rename " + target_.string());
   } catch (...) {
     discard();
     committed_ = true;

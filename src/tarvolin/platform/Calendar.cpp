@@ -11,8 +11,7 @@ namespace {
 // mktime of a local broken-down time with DST decided by the system; nothing when out of range.
 std::optional<int64_t> makeLocal(int64_t year, int64_t month0, int64_t day, int hour, int minute,
                                  int second) {
-  if (year < std::numeric_limits<int>::min() + 1900 ||
-      year > std::numeric_limits<int>::max() - 1) {
+  if (year < std::numeric_limits<int>::min() + 1900 || year > std::numeric_limits<int>::max() - 1) {
     return std::nullopt;
   }
   std::tm parts{};
@@ -51,8 +50,8 @@ std::optional<TimeRange> localDay(int64_t now) {
   std::tm parts{};
   if (localtime_r(&t, &parts) == nullptr) return std::nullopt;
   auto start = makeLocal(int64_t{parts.tm_year} + 1900, parts.tm_mon, parts.tm_mday, 0, 0, 0);
-  auto end = makeLocal(int64_t{parts.tm_year} + 1900, parts.tm_mon, int64_t{parts.tm_mday} + 1, 0,
-                       0, 0);
+  auto end =
+      makeLocal(int64_t{parts.tm_year} + 1900, parts.tm_mon, int64_t{parts.tm_mday} + 1, 0, 0, 0);
   if (!start || !end) return std::nullopt;
   return TimeRange{*start, *end};
 }

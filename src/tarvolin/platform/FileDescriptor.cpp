@@ -69,7 +69,8 @@ void FileDescriptor::writeAll(std::span<const std::span<const uint8_t>> parts) c
     }
     // Skip what was written: whole parts, then the front of a part written in part.
     auto left = static_cast<size_t>(written);
-    while (first < pending.size() && left >= pending[first].iov_len) left -= pending[first++].iov_len;
+    while (first < pending.size() && left >= pending[first].iov_len)
+      left -= pending[first++].iov_len;
     if (left > 0) {
       pending[first].iov_base = static_cast<uint8_t*>(pending[first].iov_base) + left;
       pending[first].iov_len -= left;

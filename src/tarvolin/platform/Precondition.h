@@ -8,8 +8,8 @@ namespace tarvolin::platform {
 
 }  // namespace tarvolin::platform
 
-#define TARVOLIN_PRECONDITION(condition)                                                 \
-  do {                                                                                   \
-    if (!(condition)) [[unlikely]]                                                       \
-      ::tarvolin::platform::preconditionFailure(#condition, __FILE__, __LINE__);         \
+#define TARVOLIN_PRECONDITION(condition)                                         \
+  do {                                                                           \
+    if (!(condition)) [[unlikely]]                                               \
+      ::tarvolin::platform::preconditionFailure(#condition, __FILE__, __LINE__); \
   } while (0)

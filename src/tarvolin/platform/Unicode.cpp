@@ -161,7 +161,8 @@ std::string lowercase(std::string_view text) {
       out.push_back('i');
       appendCodePoint(out, 0x307);
     } else {
-      appendCodePoint(out, static_cast<char32_t>(utf8proc_tolower(static_cast<utf8proc_int32_t>(cp))));
+      appendCodePoint(out,
+                      static_cast<char32_t>(utf8proc_tolower(static_cast<utf8proc_int32_t>(cp))));
     }
   }
   return out;

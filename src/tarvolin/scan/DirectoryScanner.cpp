@@ -143,9 +143,9 @@ struct ScanContext {
 
   // Lists one directory into `builder` and accounts for it in `tally`. The directory is opened
   // by path, or by name relative to `parent` when given; it stays open in `reader` when listed.
-  bool list(DirectoryReader& reader, const std::string& path, const platform::FileDescriptor* parent,
-            uint32_t recordID, IndexBuilder& builder, DirList& children,
-            detail::ScanTally& tally) {
+  bool list(DirectoryReader& reader, const std::string& path,
+            const platform::FileDescriptor* parent, uint32_t recordID, IndexBuilder& builder,
+            DirList& children, detail::ScanTally& tally) {
     int error = parent != nullptr ? reader.openAt(*parent, path.c_str() + path.rfind('/') + 1)
                                   : reader.open(path.c_str());
     uint64_t records = builder.recordCount();

@@ -37,13 +37,13 @@ namespace tarvolin {
 
 /// What one scan produced. Move-only, like the builder it holds.
 struct ScanResult {
-  IndexBuilder builder;              // every record of the scan
-  int64_t entriesScanned = 0;        // entries recorded, not counting the root chain
-  int64_t directoriesDenied = 0;     // directories that could not be opened, for any reason
+  IndexBuilder builder;                 // every record of the scan
+  int64_t entriesScanned = 0;           // entries recorded, not counting the root chain
+  int64_t directoriesDenied = 0;        // directories that could not be opened, for any reason
   int64_t directoriesDeniedInHome = 0;  // of those: inside the home folder, failed with EPERM
   std::vector<std::string> deniedPathsInHome;  // up to deniedSampleCap of the latter
-  double duration = 0;               // wall-clock seconds of the whole scan
-  bool cancelled = false;            // stopped by shouldContinue (or by the 32-bit limits)
+  double duration = 0;                         // wall-clock seconds of the whole scan
+  bool cancelled = false;  // stopped by shouldContinue (or by the 32-bit limits)
 };
 
 class DirectoryScanner {
@@ -56,8 +56,7 @@ class DirectoryScanner {
 
   /// A negative `seedDepth` is stored as 0; a negative or NaN `progressInterval` (seconds
   /// between two progress callbacks) as 0. `home` is used only to classify denied directories.
-  DirectoryScanner(ScanPolicy policy, int64_t seedDepth, double progressInterval,
-                   std::string home);
+  DirectoryScanner(ScanPolicy policy, int64_t seedDepth, double progressInterval, std::string home);
 
   /// Scans `root` (trailing "/" ignored; "" and "/" both mean the file-system root) into records
   /// of volume `volumeIndex`. `onProgress` (may be empty) receives the running number of entries

@@ -11,7 +11,7 @@ namespace tarvolin {
 namespace {
 
 constexpr std::array<std::string_view, 7> kStores = {
-    "Backups.backupdb", ".MobileBackups",          ".Spotlight-V100", ".fseventsd",
+    "Backups.backupdb",        ".MobileBackups",  ".Spotlight-V100", ".fseventsd",
     ".DocumentRevisions-V100", ".TemporaryItems", ".Trashes"};
 
 // Suffixes of names that are stores themselves.
@@ -20,7 +20,7 @@ constexpr std::string_view kSnapshotSuffix = ".backup";
 constexpr std::string_view kNoIndexSuffix = ".noindex";
 
 constexpr std::array<std::string_view, 9> kPrivateFolders = {
-    "Desktop", "Documents", "Downloads", "Library", "Movies",
+    "Desktop", "Documents", "Downloads",    "Library", "Movies",
     "Music",   "Pictures",  "Applications", ".Trash"};
 
 constexpr std::array<std::string_view, 31> kProtectedRelativePaths = {
@@ -155,16 +155,16 @@ ScanPolicy ScanPolicy::adding(const std::vector<std::string>& excludedPaths) con
 }
 
 const ScanPolicy::PathSet& ScanPolicy::defaultExclusions() {
-  static const PathSet set = {
-      "/System/Volumes/Data", "/System/Volumes/Preboot", "/System/Volumes/VM",
-      "/System/Volumes/Update", "/dev", "/proc", "/.vol", "/private/var/vm",
-      // The Linux pseudo file systems.
-      "/sys", "/run"};
+  static const PathSet set = {"/System/Volumes/Data", "/System/Volumes/Preboot",
+                              "/System/Volumes/VM", "/System/Volumes/Update", "/dev", "/proc",
+                              "/.vol", "/private/var/vm",
+                              // The Linux pseudo file systems.
+                              "/sys", "/run"};
   return set;
 }
 
 const ScanPolicy::PathSet& ScanPolicy::systemFolders() {
-  static const PathSet set = {"/System", "/Library", "/usr",  "/bin",    "/sbin",
+  static const PathSet set = {"/System", "/Library", "/usr",   "/bin",    "/sbin",
                               "/opt",    "/private", "/cores", "/Network"};
   return set;
 }
@@ -205,8 +205,8 @@ ScanPolicy::PathSet ScanPolicy::otherUserPrivateFolders(std::string_view usersDi
   std::optional<std::vector<std::string>> names = contents(std::string(usersDirectory));
   if (!names) return {};
   // Standardised: "." and ".." resolved, repeated and trailing separators removed.
-  std::string standardHome = withoutTrailingSlashes(
-      std::filesystem::path(std::string(home)).lexically_normal().string());
+  std::string standardHome =
+      withoutTrailingSlashes(std::filesystem::path(std::string(home)).lexically_normal().string());
   PathSet set;
   for (const std::string& name : *names) {
     if (name.starts_with(".") || name == "Shared") continue;
@@ -227,9 +227,8 @@ bool ScanPolicy::isSystemPath(std::string_view path) {
 bool ScanPolicy::isNoIndexDirectory(std::string_view path) {
   std::string scratch;
   std::string_view text = detail::comparableText(path, scratch);
-  return anyPiece(text, [](std::string_view piece) {
-    return detail::hasSuffixAsText(piece, kNoIndexSuffix);
-  });
+  return anyPiece(
+      text, [](std::string_view piece) { return detail::hasSuffixAsText(piece, kNoIndexSuffix); });
 }
 
 const std::vector<std::string_view>& ScanPolicy::descentBlockingEndings() {

@@ -25,7 +25,8 @@ namespace tarvolin {
 struct ScanPolicy {
   using PathSet = std::unordered_set<std::string>;
   /// Lists the names in a directory, or nothing when it cannot be read.
-  using DirectoryContents = std::function<std::optional<std::vector<std::string>>(const std::string&)>;
+  using DirectoryContents =
+      std::function<std::optional<std::vector<std::string>>(const std::string&)>;
 
   /// Absolute paths without a trailing "/".
   PathSet excluded;

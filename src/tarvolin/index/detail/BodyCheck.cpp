@@ -33,8 +33,8 @@ struct RecordChecks {
 struct RecordChecksAvx2 {
   __m256i limit, late, carry;
 
-  [[gnu::target("avx2"), gnu::always_inline]] inline explicit RecordChecksAvx2(
-      const RecordChecks& from)
+  [[gnu::target("avx2"),
+    gnu::always_inline]] inline explicit RecordChecksAvx2(const RecordChecks& from)
       : limit(_mm256_set1_epi32(static_cast<int>(from.parentLimit))),
         late(_mm256_set1_epi64x(from.unordered ? -1 : 0)),
         carry(_mm256_set1_epi64x(static_cast<int64_t>(from.previousEnd))) {}  // lane 0 is read

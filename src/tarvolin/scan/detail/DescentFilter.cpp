@@ -13,8 +13,8 @@ DescentFilter::DescentFilter(const ScanPolicy& policy, std::string_view rootPath
     excludedText_.emplace(text);
     lengthMask_ |= uint64_t{1} << (text.size() % 64);
   }
-  rootBlocked_ = ScanPolicy::isNoIndexDirectory(rootPath) ||
-                 ScanPolicy::isBackupOrSystemStore(rootPath);
+  rootBlocked_ =
+      ScanPolicy::isNoIndexDirectory(rootPath) || ScanPolicy::isBackupOrSystemStore(rootPath);
 }
 
 bool DescentFilter::isExcludedPath(std::string_view childPath) const {

@@ -13,7 +13,7 @@ void NameTable::reset(size_t count) {
 }
 
 size_t NameTable::slotOf(std::string_view key) const {
-  size_t slot = std::hash<std::string_view>{}(key) & mask_;
+  size_t slot = std::hash<std::string_view>{}(key)&mask_;
   while (slots_[slot].used && slots_[slot].key != key) slot = (slot + 1) & mask_;
   return slot;
 }

@@ -19,7 +19,8 @@ void ScanTally::account(bool opened, int errorNumber, int64_t entriesRecorded,
   ++denied;
   if (!DirectoryScanner::isFixableDenial(errorNumber) || !isInside(path, home)) return;
   ++deniedInHome;
-  if (sample.size() < sampleCap) sample.push_back(path.empty() ? "/" : platform::decodeUtf8Lossy(path));
+  if (sample.size() < sampleCap)
+    sample.push_back(path.empty() ? "/" : platform::decodeUtf8Lossy(path));
 }
 
 void ScanTally::add(const ScanTally& other) {

@@ -44,7 +44,8 @@ bool hasPrefixAsText(std::string_view text, std::string_view prefix) {
   if (tail.empty() || prefix.empty()) return true;
   // A following ASCII character starts a new character unless it is a line feed after a
   // carriage return.
-  if (static_cast<unsigned char>(tail.front()) < 0x80 && !(prefix.back() == '\r' && tail.front() == '\n')) {
+  if (static_cast<unsigned char>(tail.front()) < 0x80 &&
+      !(prefix.back() == '\r' && tail.front() == '\n')) {
     return true;
   }
   return platform::graphemeCount(text) ==
