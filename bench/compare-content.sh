@@ -16,7 +16,8 @@
 # build/release unless TVL names another binary (tvl-pdftext must lie beside it). Everything runs
 # under a throw-away HOME, recoll with a throw-away configuration folder. INDEX_RUNS (default 3)
 # sets the timed runs of each indexer, QUERY_RUNS (default 20) those of each query. Needs
-# hyperfine, ripgrep and recoll (scripts/install-deps).
+# hyperfine, ripgrep and recoll (scripts/install-deps). hyperfine runs the commands without a
+# shell; paths holding a single quote are not supported.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -54,6 +55,10 @@ loglevel = 1
 skippedNames+ = .*
 EOF
 
+# hyperfine quietly; its own report only when it fails.
+quiet_hyperfine() {
+  hyperfine -N "$@" >"$work/hyperfine.log" 2>&1 || { cat "$work/hyperfine.log" >&2; exit 1; }
+}
 load() { echo "load: $(uptime | sed 's/.*load average: //') ($(nproc) cores)"; }
 documents=0
 printf 'Tree: %s\n' "$dir"
@@ -72,9 +77,9 @@ echo
 # recollindex -z starts from an empty database every time.
 load
 echo "Indexing ($index_runs runs each)..."
-hyperfine -N --warmup 1 --runs "$index_runs" --export-json "$work/index.json" \
-  -n "tvl content" "$tvl content $dir" \
-  -n "recollindex" "recollindex -c $conf -z" >/dev/null 2>&1
+quiet_hyperfine --warmup 1 --runs "$index_runs" --export-json "$work/index.json" \
+  -n "tvl content" "'$tvl' content '$dir'" \
+  -n "recollindex" "recollindex -c '$conf' -z"
 "$tvl" content "$dir" | tail -2
 "$tvl" scan "$dir" >/dev/null
 
@@ -82,19 +87,19 @@ hyperfine -N --warmup 1 --runs "$index_runs" --export-json "$work/index.json" \
 for word in "$rare" "$common"; do
   load
   echo "Finding \"$word\" ($query_runs runs each)..."
-  hyperfine -N --warmup 3 --runs "$query_runs" --export-json "$work/find-$word.json" \
-    -n "tvl find" "$tvl find $word" \
-    -n "rg" "rg -i -l -F $word $dir" \
-    -n "recollq" "recollq -c $conf -b $word" >/dev/null 2>&1
+  quiet_hyperfine -i --warmup 3 --runs "$query_runs" --export-json "$work/find-$word.json" \
+    -n "tvl find" "'$tvl' find $word" \
+    -n "rg" "rg -i -l -F $word '$dir'" \
+    -n "recollq" "recollq -c '$conf' -b $word"
 done
 
 # 3. Direct search of the text files narrowed by name, against rg over the same files.
 for word in "$rare" "$common"; do
   load
   echo "Searching the .txt files for \"$word\" ($query_runs runs each)..."
-  hyperfine -N --warmup 3 --runs "$query_runs" --export-json "$work/contains-$word.json" \
-    -n "tvl search" "$tvl search 'ext:txt contains:$word'" \
-    -n "rg -g *.txt" "rg -i -l -F -g *.txt $word $dir" >/dev/null 2>&1
+  quiet_hyperfine -i --warmup 3 --runs "$query_runs" --export-json "$work/contains-$word.json" \
+    -n "tvl search" "'$tvl' search 'ext:txt contains:$word'" \
+    -n "rg -g *.txt" "rg -i -l -F -g '*.txt' $word '$dir'"
 done
 
 # Which documents each tool reports for the rare word. tvl find prints at most ten names, so its
@@ -171,11 +176,11 @@ def lines(name):
 
 def row(label, total, found):
     cells = "".join(f"{sum(kind_of(p) == k for p in found):6d}" for k in kinds)
-    print(f"  {label:34s}{total:6d}{cells}")
+    print(f"  {label:38s}{total:6d}{cells}")
 
 
 print(f"\nDocuments reported for \"{rare}\"")
-print(f"  {'':34s}{'total':>6s}" + "".join(f"{k:>6s}" for k in kinds))
+print(f"  {'':38s}{'total':>6s}" + "".join(f"{k:>6s}" for k in kinds))
 planted = lines("planted.txt")
 row("planted in the tree", len(planted), planted)
 find_lines = open(os.path.join(work, "tvl-find.txt")).read()
