@@ -5,8 +5,10 @@
 
 #include <cctype>
 
+#include "support/PdfWriter.h"
 #include "support/RunTool.h"
 #include "support/TempTree.h"
+#include "support/ZipWriter.h"
 
 namespace tarvolin {
 namespace {
@@ -66,6 +68,35 @@ TEST_F(ContentCommandsTest, ContentListsTheFoldersAndReportsTheIndex) {
             "      2: the invoice 4711 is due\n"
             "\n"
             "1 documents contain invoice 4711 (Tms over 2 docs)\n");
+}
+
+// PDF text comes from the worker beside the tool, Office text from the archives' XML parts; a
+// broken PDF and a broken archive are left out without stopping the others.
+TEST_F(ContentCommandsTest, FindsWordsInsidePdfAndOfficeDocuments) {
+  testing::writeFile(docs_ / "report.pdf", testing::makePdf({"Cover", "Quarterly Invoice 4711"}));
+  testing::writeFile(docs_ / "letter.docx",
+                     testing::makeZip({{"word/document.xml",
+                                        "<w:document><w:body><w:p><w:r><w:t>Dear reader, Invoice "
+                                        "4711 is paid</w:t></w:r></w:p></w:body></w:document>"}}));
+  testing::writeFile(docs_ / "sheet.xlsx",
+                     testing::makeZip({{"xl/sharedStrings.xml",
+                                        "<sst><si><t>INVOICE 4711 total</t></si></sst>"}}));
+  testing::writeFile(docs_ / "broken.pdf", "%PDF-1.4 invoice 4711 but no document");
+  testing::writeFile(docs_ / "broken.docx", "PK invoice 4711 but no archive");
+  auto built = tvl({"content", docs_.root().string()});
+  ASSERT_EQ(built.status, 0) << built.err;
+  EXPECT_NE(built.out.find("\n  3 documents, "), std::string::npos) << built.out;
+
+  auto found = tvl({"find", "invoice 4711"});
+  EXPECT_EQ(masked(found.out),
+            "  letter.docx\n"
+            "      1: dear reader, invoice 4711 is paid\n"
+            "  report.pdf\n"
+            "      3: quarterly invoice 4711\n"
+            "  sheet.xlsx\n"
+            "      1: invoice 4711 total\n"
+            "\n"
+            "3 documents contain invoice 4711 (Tms over 3 docs)\n");
 }
 
 TEST_F(ContentCommandsTest, ContentWithoutFoldersReadsTheThreeDefaults) {

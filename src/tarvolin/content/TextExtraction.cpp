@@ -6,7 +6,7 @@
 
 #include "tarvolin/content/PdfWorkerPool.h"
 #include "tarvolin/content/ZipReader.h"
-#include "tarvolin/platform/MappedFile.h"
+#include "tarvolin/platform/FileDescriptor.h"
 #include "tarvolin/platform/Unicode.h"
 
 namespace tarvolin::TextExtraction {
@@ -81,15 +81,10 @@ bool keepsRun(std::string_view run) {
 }  // namespace
 
 std::optional<std::string> plainText(const std::filesystem::path& path) {
-  platform::MappedFile file;
-  try {
-    file = platform::MappedFile::open(path, false);
-  } catch (const platform::MappedFile::Error&) {
-    return std::nullopt;
-  }
-  std::span<const uint8_t> bytes =
-      file.bytes().first(std::min<size_t>(file.size(), maxBytesPerFile));
-  if (bytes.empty()) return std::nullopt;
+  // Copied, not mapped: a file shortened while it is read must not fault the reader.
+  std::optional<std::vector<uint8_t>> read = platform::readFilePrefix(path, maxBytesPerFile);
+  if (!read || read->empty()) return std::nullopt;
+  std::span<const uint8_t> bytes = *read;
   if (std::memchr(bytes.data(), 0, std::min(bytes.size(), kBinaryProbeBytes)) != nullptr) {
     return std::nullopt;
   }

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "tarvolin/content/detail/ZipStructure.h"
-#include "tarvolin/platform/MappedFile.h"
+#include "tarvolin/platform/FileDescriptor.h"
 #include "tarvolin/platform/Unicode.h"
 
 namespace tarvolin::ZipReader {
@@ -125,13 +125,10 @@ std::vector<Entry> entries(std::span<const uint8_t> archive, const NamePredicate
 }
 
 std::vector<Entry> entries(const std::filesystem::path& path, const NamePredicate& accept) {
-  platform::MappedFile file;
-  try {
-    file = platform::MappedFile::open(path, false);
-  } catch (const platform::MappedFile::Error&) {
-    return {};
-  }
-  return entries(file.bytes(), accept);
+  // Copied, not mapped: a document shortened while it is read must not fault the reader.
+  std::optional<std::vector<uint8_t>> bytes = platform::readFilePrefix(path, maxArchiveBytes + 1);
+  if (!bytes || bytes->size() > maxArchiveBytes) return {};
+  return entries(*bytes, accept);
 }
 
 }  // namespace tarvolin::ZipReader

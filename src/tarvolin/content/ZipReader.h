@@ -22,6 +22,10 @@ namespace tarvolin::ZipReader {
 /// Entries whose declared uncompressed size is larger are skipped; no entry ever costs more.
 inline constexpr uint32_t maxEntryBytes = 8'388'608;
 
+/// Archives larger than this (256 MiB) are not read from a path: the whole archive is copied
+/// into memory, and documents read in parallel must not hold gigabytes each.
+inline constexpr size_t maxArchiveBytes = 268'435'456;
+
 /// One entry read from an archive: its name (UTF-8, invalid bytes replaced by U+FFFD) and its
 /// uncompressed contents.
 struct Entry {

@@ -34,6 +34,47 @@ FileDescriptor FileDescriptor::tryOpen(const std::filesystem::path& path, int fl
   return FileDescriptor(fd);
 }
 
+size_t FileDescriptor::readUpTo(std::span<uint8_t> buffer) const {
+  size_t done = 0;
+  while (done < buffer.size()) {
+    ssize_t n =
+        ::read(fd_, buffer.data() + done, std::min<size_t>(buffer.size() - done, SSIZE_MAX));
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      throwErrno("read");
+    }
+    if (n == 0) break;
+    done += static_cast<size_t>(n);
+  }
+  return done;
+}
+
+std::optional<std::vector<uint8_t>> readFilePrefix(const std::filesystem::path& path,
+                                                   size_t maxBytes) {
+  FileDescriptor fd = FileDescriptor::tryOpen(path, O_RDONLY | O_NONBLOCK);
+  if (!fd.valid()) return std::nullopt;
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return std::nullopt;
+  // The size is a hint: the file may grow or shrink while it is read.
+  size_t expected = std::min<size_t>(static_cast<size_t>(std::max<off_t>(st.st_size, 0)), maxBytes);
+  std::vector<uint8_t> bytes(expected);
+  try {
+    bytes.resize(fd.readUpTo(bytes));
+    if (bytes.size() == expected && expected < maxBytes) {
+      // Grown since fstat: take what fits.
+      uint8_t more[4096];
+      for (size_t n;
+           bytes.size() < maxBytes &&
+           (n = fd.readUpTo({more, std::min(sizeof more, maxBytes - bytes.size())})) > 0;) {
+        bytes.insert(bytes.end(), more, more + n);
+      }
+    }
+  } catch (const std::system_error&) {
+    return std::nullopt;
+  }
+  return bytes;
+}
+
 FileDescriptor FileDescriptor::open(const std::filesystem::path& path, int flags, int mode) {
   FileDescriptor fd = tryOpen(path, flags, mode);
   if (!fd.valid()) throwErrno("open " + path.string());

@@ -5,7 +5,9 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <span>
+#include <vector>
 
 namespace tarvolin::platform {
 
@@ -32,6 +34,9 @@ class FileDescriptor {
     return fd;
   }
 
+  /// Reads from the current position until `buffer` is full or the file ends, repeating short
+  /// reads and calls interrupted by a signal; returns the bytes read. Throws std::system_error.
+  size_t readUpTo(std::span<uint8_t> buffer) const;
   /// Writes every byte, repeating short writes and calls interrupted by a signal.
   /// Throws std::system_error with the errno of the failing call.
   void writeAll(std::span<const uint8_t> bytes) const;
@@ -49,5 +54,13 @@ class FileDescriptor {
  private:
   int fd_ = -1;
 };
+
+/// The first `maxBytes` bytes of the regular file at `path` (all of it when shorter), copied into
+/// memory with read(2); nothing when it cannot be opened or read, or is not a regular file (a
+/// named pipe is refused without waiting for a writer). Unlike a mapping, a copy cannot fault
+/// when another process shortens the file while it is read: readers of documents that may be
+/// edited at any moment use this.
+std::optional<std::vector<uint8_t>> readFilePrefix(const std::filesystem::path& path,
+                                                   size_t maxBytes);
 
 }  // namespace tarvolin::platform
