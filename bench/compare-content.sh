@@ -60,17 +60,13 @@ quiet_hyperfine() {
   hyperfine -N "$@" >"$work/hyperfine.log" 2>&1 || { cat "$work/hyperfine.log" >&2; exit 1; }
 }
 load() { echo "load: $(uptime | sed 's/.*load average: //') ($(nproc) cores)"; }
-documents=0
 printf 'Tree: %s\n' "$dir"
 for kind in "${kinds[@]}"; do
-  n=$(find "$dir" -type f -iname "*.$kind" -not -path '*/.*' | wc -l)
-  documents=$((documents + n))
-  printf '  %-5s %5d files, %6.1f MB\n' "$kind" "$n" \
-    "$(find "$dir" -type f -iname "*.$kind" -not -path '*/.*' -printf '%s\n' |
-      awk '{s += $1} END {print s / 1e6}')"
-done
-printf '  all   %5d documents, %6.1f MB\n' "$documents" \
-  "$(du -sb --exclude='.*' "$dir" | awk '{print $1 / 1e6}')"
+  find "$dir" -type f -iname "*.$kind" -not -path '*/.*' -printf "$kind %s\n"
+done | awk '{n[$1]++; s[$1] += $2; order[$1] = order[$1] ? order[$1] : ++kinds; N++; S += $2}
+  END {for (k in order) line[order[k]] = sprintf("  %-5s %5d files, %6.1f MB", k, n[k], s[k] / 1e6)
+       for (i = 1; i <= kinds; i++) print line[i]
+       printf "  all   %5d documents, %6.1f MB\n", N, S / 1e6}'
 echo
 
 # 1. Building the content index. A warm-up run of each puts the tree in the page cache;
