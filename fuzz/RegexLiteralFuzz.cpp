@@ -1,8 +1,8 @@
-// The required run of a pattern is a substring of every text the pattern matches. Two checks
-// per input:
+// The required run of a pattern, or one of the run's partners, is in every text the pattern
+// matches. Two checks per input:
 //   - Raw: the input is a pattern, optionally followed by a NUL byte and a subject. Any bytes
 //     must be analysed without crashing; when the expression engine matches the subject, the
-//     ASCII-folded subject must contain the run.
+//     ASCII-folded subject must contain the run, or the subject a partner of the run.
 //   - Generated: the input drives a small grammar that builds a pattern together with a text
 //     it matches (literals, escapes, classes, groups, alternatives, quoted text, comments,
 //     quantifiers), so the check sees real matches on every run, not only when the fuzzer
@@ -11,7 +11,8 @@
 // bytes, and, when pattern and subject are both well-formed UTF-8, also by the library's own
 // expressions, as names are matched. Generated input is matched by the library's expressions;
 // its subjects spell "k" and "s" now and then as U+212A (Kelvin sign) and U+017F (long s), which
-// those expressions match caselessly.
+// those expressions match caselessly and which are those letters' partners. A run is lower-case,
+// and it has partners exactly when it holds a byte the engine folds beyond ASCII.
 
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
@@ -23,6 +24,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tarvolin/platform/Regex.h"
 #include "tarvolin/platform/Unicode.h"
@@ -56,6 +58,15 @@ std::string asciiFolded(std::string_view text) {
   return folded;
 }
 
+// Whether `subject` holds `run` (ASCII-folded) or one of its partners.
+bool holdsRunOrPartner(std::string_view subject, const std::string& run,
+                       const std::vector<std::string>& partners) {
+  if (asciiFolded(subject).find(run) != std::string::npos) return true;
+  return std::any_of(partners.begin(), partners.end(), [subject](const std::string& partner) {
+    return subject.find(partner) != std::string_view::npos;
+  });
+}
+
 void checkRaw(std::string_view input) {
   size_t split = input.find('\0');
   std::string_view pattern = input.substr(0, split);
@@ -64,15 +75,20 @@ void checkRaw(std::string_view input) {
   if (!run) return;
   if (run->size() < 2) __builtin_trap();
   const std::bitset<128>& beyond = RegexLiteral::caselessBeyondAscii();
-  if (std::any_of(run->begin(), run->end(), [&beyond](char c) {
-        auto code = static_cast<unsigned char>(c);
-        return (c >= 'A' && c <= 'Z') || (code < 128 && beyond[code]);
-      })) {
-    __builtin_trap();
+  bool foldsBeyond = false;
+  for (char c : *run) {
+    auto code = static_cast<unsigned char>(c);
+    if (c >= 'A' && c <= 'Z') __builtin_trap();
+    foldsBeyond = foldsBeyond || (code < 128 && beyond[code]);
+  }
+  std::vector<std::string> partners = RegexLiteral::partners(*run);
+  if (partners.empty() == foldsBeyond) __builtin_trap();
+  for (const std::string& partner : partners) {
+    if (partner.empty() || static_cast<unsigned char>(partner[0]) < 0x80) __builtin_trap();
   }
   if (split == std::string_view::npos || pattern.size() > 2000) return;
   std::string_view subject = input.substr(split + 1);
-  if (asciiFolded(subject).find(*run) != std::string::npos) return;
+  if (holdsRunOrPartner(subject, *run, partners)) return;
   if (matchesBytes(pattern, subject)) __builtin_trap();
   if (platform::isValidUtf8(pattern) && platform::isValidUtf8(subject)) {
     std::optional<platform::Regex> regex = platform::Regex::compile(pattern);
@@ -280,7 +296,7 @@ void checkGenerated(const uint8_t* data, size_t size) {
   std::optional<platform::Regex> regex = platform::Regex::compile(pattern);
   if (!regex || !regex->search(text)) return;  // a generator slip, not a finding
   std::optional<std::string> run = RegexLiteral::required(pattern);
-  if (run && asciiFolded(text).find(*run) == std::string::npos) __builtin_trap();
+  if (run && !holdsRunOrPartner(text, *run, RegexLiteral::partners(*run))) __builtin_trap();
 }
 
 }  // namespace

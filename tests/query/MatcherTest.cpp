@@ -199,6 +199,87 @@ TEST_F(LargeIndexTest, ExpressionsFindNamesSpelledWithCharactersThatFoldOntoAsci
   }
 }
 
+// An expression's run keeps "k" and "s" whole ("kelvin", ".json"), and names that spell those
+// letters as U+212A or U+017F (before, inside or after the run, or beside the run spelled in
+// ASCII) are still found through every strategy, each once, and names that hold such a
+// character but do not match are not.
+TEST(PartnerSpellingTest, WholeRunsStillFindNamesSpelledWithPartners) {
+  const std::string K = "\xE2\x84\xAA";  // Kelvin sign, matched as "k"
+  const std::string S = "\xC5\xBF";      // long s, matched as "s"
+  const std::vector<std::string> spelled = {
+      K + "elvin",
+      "KELVIN",
+      "x" + K + "ELVIN.txt",
+      K + "-kelvin",
+      K + "elvi",
+      "elvin",
+      "a.j" + S + "on",
+      "b.JSON",
+      S + ".json",
+      "c.j" + S + "on.bak",
+      "j" + S + "on",
+      "ma" + K + "efile",
+      "MA" + K + "EFILE" + S,
+      "Makefile",
+      S + S + S,
+      "s" + S + "s",
+      "SSS",
+      "ss" + S,
+      "s" + S,
+      S + K,
+  };
+  const char* fillers[] = {"config.json", "Makefile.am", "notes", "lib", "sss_test", "kelvin.c"};
+  IndexBuilder builder;
+  uint32_t top =
+      builder.addEntry(std::string_view(""), FileRecord::rootParentID, RecordFlags::isDirectory, 0);
+  size_t next = 0;
+  for (uint32_t i = 0; builder.recordCount() < 40000; ++i) {
+    std::string name;
+    if (i % 1900 == 1000 && next < spelled.size()) {
+      name = spelled[next++];
+    } else if (i % 1999 == 0) {
+      name = fillers[(i / 1999) % std::size(fillers)];
+    } else {
+      name = "file" + std::to_string(i) + ".dat";
+    }
+    builder.addEntry(std::string_view(name), top, RecordFlags(), 0);
+  }
+  ASSERT_EQ(next, spelled.size());
+  testing::TempTree tree;
+  std::shared_ptr<const IndexStore> store = testing::writeAndLoad(builder, tree / "index.bin");
+  auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store, nullptr));
+  std::vector<uint32_t> all(store->count());
+  for (uint32_t i = 0; i < all.size(); ++i) all[i] = i;
+
+  for (const char* pattern : {"kelvin", ".json$", "\\.json$", "makefile", "sss", "^kel"}) {
+    std::optional<platform::Regex> regex = platform::Regex::compile(pattern);
+    ASSERT_TRUE(regex.has_value()) << pattern;
+    std::vector<uint32_t> expected;
+    bool partnerFound = false;
+    for (uint32_t id = 0; id < store->count(); ++id) {
+      if (!regex->search(store->name(id))) continue;
+      expected.push_back(id);
+      std::string name = store->name(id);
+      partnerFound =
+          partnerFound || name.find(K) != std::string::npos || name.find(S) != std::string::npos;
+    }
+    ASSERT_TRUE(partnerFound) << pattern << ": no name spelled with a partner matches";
+    for (const std::string& text :
+         {"/" + std::string(pattern) + "/",
+          "/" + std::string(pattern) + "/ file:", "/" + std::string(pattern) + "/ | zzzzqqq"}) {
+      Query query = QueryParser::parse(text);
+      Matcher scanning(store);
+      Matcher narrowed(store);
+      narrowed.setTrigrams(trigrams);
+      Matcher general(store);
+      std::vector<Match> reference = general.match(query, std::span<const uint32_t>(all));
+      EXPECT_EQ(idsOf(reference), expected) << text;
+      EXPECT_EQ(scanning.match(query), reference) << text;
+      EXPECT_EQ(narrowed.match(query), reference) << text;
+    }
+  }
+}
+
 TEST_F(LargeIndexTest, TrigramBlockScanFindsWhatTheFullScanFinds) {
   auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store_, nullptr));
   for (const char* word : {"report", "résumé", "colour", "x_ab", "zzzz", "photo final", "ab"}) {

@@ -1,6 +1,7 @@
 #include "tarvolin/query/Matcher.h"
 
 #include <algorithm>
+#include <iterator>
 
 #include "tarvolin/index/ParentWalk.h"
 #include "tarvolin/platform/Concurrency.h"
@@ -52,34 +53,36 @@ std::vector<Match> Matcher::match(const Query& query,
   }
   // A literal that every match's name must hold (the text of a plain word, "." and the item of
   // a one-item extension term, or the run a regular expression requires) narrows the records
-  // to evaluate to those one vectorised scan finds; the evaluation over them keeps ID order, so
-  // the result is the general evaluation's.
+  // to evaluate to those the vectorised scans for it (and for its partners) find; the evaluation
+  // over them keeps ID order, so the result is the general evaluation's.
   // Each record the scan finds is evaluated there and then, while its bytes are in cache.
   if (plain) {
-    if (std::optional<std::string> literal = requiredLiteral(terms)) {
+    if (std::optional<detail::RequiredLiteral> literal = requiredLiteral(terms)) {
       detail::Evaluator evaluator(resolver_, regexCache_, query, Literals::prefilter);
       Verdict verdict = [&evaluator](uint32_t id) -> std::optional<Match> {
         if (auto outcome = evaluator.evaluate(id))
           return Match{id, outcome->quality, outcome->offset};
         return std::nullopt;
       };
-      return scanNeedle(*literal, &verdict);
+      return scanLiteral(*literal, verdict);
     }
   }
   // Everything else: the compiled evaluation over every record, sharded.
   return evaluate(query, std::nullopt, /*parallel=*/true, Literals::prefilter);
 }
 
-std::optional<std::string> Matcher::requiredLiteral(const std::vector<Term>& terms) {
-  std::optional<std::string> best;
-  auto consider = [&best](std::string literal) {
-    if (!literal.empty() && (!best || literal.size() > best->size())) best = std::move(literal);
+std::optional<detail::RequiredLiteral> Matcher::requiredLiteral(const std::vector<Term>& terms) {
+  std::optional<detail::RequiredLiteral> best;
+  auto consider = [&best](detail::RequiredLiteral literal) {
+    if (!literal.run.empty() && (!best || literal.run.size() > best->run.size())) {
+      best = std::move(literal);
+    }
   };
   for (const Term& term : terms) {
     switch (term.kind()) {
       case Term::Kind::substring:
       case Term::Kind::exactPhrase:
-        consider(detail::lowerAscii(term.text()));
+        consider({detail::lowerAscii(term.text()), {}});
         break;
       case Term::Kind::ext:
         // The extension follows the name's last ".", so the name holds "." + the extension.
@@ -87,19 +90,35 @@ std::optional<std::string> Matcher::requiredLiteral(const std::vector<Term>& ter
           // Appended, not "." + string: GCC 12 at -O3 takes that for an overlapping copy.
           std::string dotted = ".";
           dotted += detail::lowerAscii(term.text());
-          consider(std::move(dotted));
+          consider({std::move(dotted), {}});
         }
         break;
       case Term::Kind::regex:
-        if (const std::optional<std::string>& literal = regexCache_.requiredLiteral(term.text())) {
-          consider(*literal);
-        }
+        if (const auto& literal = regexCache_.requiredLiteral(term.text())) consider(*literal);
         break;
       default:
         break;
     }
   }
   return best;
+}
+
+std::vector<Match> Matcher::scanLiteral(const detail::RequiredLiteral& literal,
+                                        const Verdict& verdict) {
+  std::vector<Match> found = scanNeedle(literal.run, &verdict);
+  // A name may spell a letter of the run with a partner instead; such names are rare, so each
+  // partner gets its own scan, merged in ID order. A name holding both is evaluated twice to
+  // the same match and kept once.
+  for (const std::string& partner : literal.partners) {
+    std::vector<Match> more = scanNeedle(partner, &verdict);
+    if (more.empty()) continue;
+    std::vector<Match> merged;
+    merged.reserve(found.size() + more.size());
+    std::set_union(found.begin(), found.end(), more.begin(), more.end(), std::back_inserter(merged),
+                   [](const Match& a, const Match& b) { return a.id < b.id; });
+    found = std::move(merged);
+  }
+  return found;
 }
 
 std::vector<Match> Matcher::evaluate(const Query& query,

@@ -6,9 +6,9 @@
 // substring scan split across processors (optionally narrowed to trigram blocks), a driver-word
 // scan for several words, a marked-ancestor pass for a sole path term, a literal prefilter for
 // queries whose matches must all hold one literal (a word, an extension, a regular expression's
-// required run), and a sharded compiled-term loop. Every strategy returns the same
-// records in the same order as the general evaluation; the multi-word scan reports the driver
-// word's quality and offset.
+// required run or one of the run's partners), and a sharded compiled-term loop. Every strategy
+// returns the same records in the same order as the general evaluation; the multi-word scan reports
+// the driver word's quality and offset.
 //
 // One Matcher per store. `match` and `matchWithFuzzyFallback` are called from one thread at a
 // time (they fill caches); inside a call, shards run on several threads.
@@ -30,6 +30,7 @@
 #include "tarvolin/query/detail/Evaluator.h"
 #include "tarvolin/query/detail/NameScan.h"
 #include "tarvolin/query/detail/RegexCache.h"
+#include "tarvolin/query/detail/RequiredLiteral.h"
 #include "tarvolin/query/detail/Sharding.h"
 
 namespace tarvolin {
@@ -83,9 +84,11 @@ class Matcher {
   /// `literals` = prefilter, expressions are first held to their required literal.
   std::vector<Match> evaluate(const Query& query, std::optional<std::span<const uint32_t>> ids,
                               bool parallel, detail::Evaluator::Literals literals);
-  /// The longest literal (lower-cased) that the name of every record matching all of `terms`
-  /// must hold, or nothing.
-  std::optional<std::string> requiredLiteral(const std::vector<Term>& terms);
+  /// The longest literal that the name of every record matching all of `terms` must hold (or,
+  /// for an expression's run, one of its partners), or nothing.
+  std::optional<detail::RequiredLiteral> requiredLiteral(const std::vector<Term>& terms);
+  /// What `verdict` keeps of the records whose names `literal` admits, in ID order.
+  std::vector<Match> scanLiteral(const detail::RequiredLiteral& literal, const Verdict& verdict);
 
   std::shared_ptr<const IndexStore> store_;
   PathResolver resolver_;

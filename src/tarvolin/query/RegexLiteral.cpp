@@ -1,9 +1,12 @@
 #include "tarvolin/query/RegexLiteral.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <vector>
 
 #include "tarvolin/platform/Regex.h"
+#include "tarvolin/platform/Unicode.h"
 #include "tarvolin/query/detail/AsciiFold.h"
 #include "tarvolin/query/detail/Characters.h"
 
@@ -267,18 +270,9 @@ bool containsAlternation(Characters c) {
 // The current and best runs of the pass.
 class Runs {
  public:
-  /// Appends `bytes` lower-cased; a byte that also stands for a non-ASCII character ends the
-  /// run there instead of joining it.
+  /// Appends `bytes` lower-cased.
   void append(std::string_view bytes) {
-    const std::bitset<128>& beyond = caselessBeyondAscii();
-    for (char byte : bytes) {
-      uint8_t code = detail::foldAscii(static_cast<uint8_t>(byte));
-      if (code < 128 && beyond[code]) {
-        flush();
-      } else {
-        current_.push_back(static_cast<char>(code));
-      }
-    }
+    for (char byte : bytes) current_.push_back(static_cast<char>(foldAscii(byte)));
   }
   /// The current run becomes the best if strictly longer; then it restarts empty.
   void flush() {
@@ -292,9 +286,61 @@ class Runs {
   }
 
  private:
+  static char foldAscii(char byte) {
+    return static_cast<char>(detail::foldAscii(static_cast<uint8_t>(byte)));
+  }
+
   std::string current_;
   std::string best_;
 };
+
+// What caseless matching makes of ASCII beyond ASCII: for each byte, the characters past U+007F
+// it matches, spelled in UTF-8, in code point order.
+struct CaselessPartners {
+  bool known = false;  // false: the engine could not be asked, so no run can be vouched for
+  std::bitset<128> beyond;
+  std::array<std::vector<std::string>, 128> spellings;
+};
+
+const CaselessPartners& caselessPartners() {
+  static const CaselessPartners table = [] {
+    CaselessPartners found;
+    // Compiled caselessly, a class takes in the other cases of its members, so this class of all
+    // of ASCII picks out, from a text of every code point from U+0080 to U+FFFF, exactly those
+    // that share a case class with an ASCII byte; each one found is then asked which bytes it
+    // matches. Code points past U+FFFF are left out: none folds onto ASCII (the tests hold the
+    // table to the engine across all of Unicode), and the text of them all would be over 20
+    // times longer.
+    std::optional<platform::Regex> ascii = platform::Regex::compile("[\\x00-\\x7f]");
+    if (!ascii) return found;
+    std::string text;
+    text.reserve(3 * 0x10000);
+    for (char32_t code = 0x80; code <= 0xFFFF; ++code) {
+      if (code < 0xD800 || code > 0xDFFF) platform::appendCodePoint(text, code);
+    }
+    size_t from = 0;
+    while (std::optional<std::pair<size_t, size_t>> hit = ascii->find(text, from)) {
+      if (hit->second <= hit->first) return found;  // an empty match: the engine is not asked
+      from = hit->second;
+      std::string spelling = text.substr(hit->first, hit->second - hit->first);
+      size_t index = 0;
+      char32_t code = platform::decodeCodePoint(spelling, index);
+      char pattern[16];
+      std::snprintf(pattern, sizeof pattern, "\\x{%x}", static_cast<unsigned>(code));
+      std::optional<platform::Regex> one = platform::Regex::compile(pattern);
+      if (!one) return found;
+      for (unsigned byte = 0; byte < 128; ++byte) {
+        char b = static_cast<char>(byte);
+        if (!one->search(std::string_view(&b, 1))) continue;
+        found.beyond.set(byte);
+        found.spellings[byte].push_back(spelling);
+      }
+    }
+    found.known = true;
+    return found;
+  }();
+  return table;
+}
 
 // The bytes a single literal character contributes: itself when ASCII, both bytes of CR LF,
 // nothing (empty) for anything else.
@@ -331,25 +377,24 @@ size_t addQuoted(Characters c, size_t i, Runs& runs) {
 }  // namespace
 
 const std::bitset<128>& caselessBeyondAscii() {
-  static const std::bitset<128> bytes = [] {
-    std::bitset<128> found;
-    // Compiled caselessly, a class takes in the other cases of its members; so an ASCII byte
-    // that this class of the code points from U+0080 to U+FFFF matches shares its case class with
-    // one of them. Code points past U+FFFF are left out: the engine builds the class one code
-    // point at a time, which for the million of them costs milliseconds per process, and none
-    // folds onto ASCII (the tests hold the set to the engine across all of Unicode).
-    std::optional<platform::Regex> wide = platform::Regex::compile("[\\x{80}-\\x{ffff}]");
-    if (!wide) {
-      found.set();  // the engine cannot tell: vouch for no byte
-      return found;
+  static const std::bitset<128> unknown = std::bitset<128>().set();
+  const CaselessPartners& table = caselessPartners();
+  return table.known ? table.beyond : unknown;
+}
+
+std::vector<std::string> partners(std::string_view run) {
+  const CaselessPartners& table = caselessPartners();
+  std::vector<std::string> found;
+  for (char byte : run) {
+    auto code = static_cast<unsigned char>(byte);
+    if (code >= 128) continue;
+    for (const std::string& spelling : table.spellings[code]) {
+      if (std::find(found.begin(), found.end(), spelling) == found.end()) {
+        found.push_back(spelling);
+      }
     }
-    for (unsigned code = 0; code < 128; ++code) {
-      char byte = static_cast<char>(code);
-      if (wide->search(std::string_view(&byte, 1))) found.set(code);
-    }
-    return found;
-  }();
-  return bytes;
+  }
+  return found;
 }
 
 bool isQuantified(std::span<const std::string_view> characters, size_t index) {
@@ -378,7 +423,8 @@ bool containsAlternation(std::string_view pattern) {
 std::optional<std::string> required(std::string_view pattern) {
   std::vector<std::string_view> characters = tarvolin::detail::characterViews(pattern);
   Characters c(characters);
-  if (containsAlternation(c) || setsExtendedMode(c) || hasHiddenMetacharacter(c)) {
+  if (containsAlternation(c) || setsExtendedMode(c) || hasHiddenMetacharacter(c) ||
+      !caselessPartners().known) {
     return std::nullopt;
   }
 

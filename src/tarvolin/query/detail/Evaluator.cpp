@@ -186,7 +186,7 @@ bool Evaluator::holds(const CompiledTerm& term, uint32_t id) const {
     case CompiledTerm::Kind::regex: {
       if (term.regex == nullptr) break;
       std::string_view name = store.nameBytes(id);
-      if (term.literal && *term.literal && firstOccurrence(name, **term.literal) < 0) break;
+      if (term.literal && *term.literal && !(*term.literal)->admits(name)) break;
       if (platform::isValidUtf8(name)) {
         result = term.regex->search(name);
       } else {

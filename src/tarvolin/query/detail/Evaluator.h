@@ -7,8 +7,8 @@
 //
 // Its plain form is the reference the matcher's fast strategies are held to, so it takes no
 // shortcut of theirs: an expression runs on every name. The strategies may ask it to hold an
-// expression to its required literal first (a name without the literal fails the term at the
-// cost of a byte search instead of a match).
+// expression to its required literal first (a name with neither the literal nor one of its
+// partners fails the term at the cost of a byte search instead of a match).
 //
 // Built on the matcher's thread; `evaluate` may then be called from several threads at once.
 
@@ -23,6 +23,7 @@
 #include "tarvolin/query/Match.h"
 #include "tarvolin/query/Query.h"
 #include "tarvolin/query/detail/RegexCache.h"
+#include "tarvolin/query/detail/RequiredLiteral.h"
 
 namespace tarvolin::detail {
 
@@ -46,7 +47,7 @@ struct CompiledTerm {
   SizeComparison size;
   std::optional<platform::TimeRange> dates;  // nothing: the calendar could not form it
   const platform::Regex* regex = nullptr;    // nothing: invalid pattern, matches no record
-  const std::optional<std::string>* literal = nullptr;  // prefilter of an expression, if asked
+  const std::optional<RequiredLiteral>* literal = nullptr;  // an expression's prefilter, if asked
 };
 
 class Evaluator {

@@ -9,9 +9,11 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "tarvolin/platform/Regex.h"
 #include "tarvolin/query/RegexLiteral.h"
+#include "tarvolin/query/detail/RequiredLiteral.h"
 
 namespace tarvolin::detail {
 
@@ -27,19 +29,25 @@ class RegexCache {
     return found->second ? &*found->second : nullptr;
   }
 
-  /// The run every match of `pattern` holds (RegexLiteral::required), or nothing. The reference
-  /// stays valid as long as the cache.
-  const std::optional<std::string>& requiredLiteral(const std::string& pattern) {
+  /// What every match of `pattern` holds: its required run (RegexLiteral::required) or one of
+  /// that run's partners; nothing when the pattern has no run. The reference stays valid as long
+  /// as the cache.
+  const std::optional<RequiredLiteral>& requiredLiteral(const std::string& pattern) {
     auto found = literals_.find(pattern);
     if (found == literals_.end()) {
-      found = literals_.emplace(pattern, RegexLiteral::required(pattern)).first;
+      std::optional<RequiredLiteral> literal;
+      if (std::optional<std::string> run = RegexLiteral::required(pattern)) {
+        std::vector<std::string> partners = RegexLiteral::partners(*run);
+        literal = RequiredLiteral{std::move(*run), std::move(partners)};
+      }
+      found = literals_.emplace(pattern, std::move(literal)).first;
     }
     return found->second;
   }
 
  private:
   std::unordered_map<std::string, std::optional<platform::Regex>> regexes_;
-  std::unordered_map<std::string, std::optional<std::string>> literals_;
+  std::unordered_map<std::string, std::optional<RequiredLiteral>> literals_;
 };
 
 }  // namespace tarvolin::detail
