@@ -1,8 +1,8 @@
-#include "tarvolin/query/FuzzyMatcher.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "tarvolin/query/FuzzyMatcher.h"
 
 namespace tarvolin {
 namespace {

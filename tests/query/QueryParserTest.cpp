@@ -1,8 +1,7 @@
-#include "tarvolin/query/QueryParser.h"
-
 #include <gtest/gtest.h>
 
 #include "support/QueryPrinting.h"
+#include "tarvolin/query/QueryParser.h"
 
 namespace tarvolin {
 namespace {

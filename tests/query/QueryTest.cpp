@@ -1,8 +1,7 @@
-#include "tarvolin/query/Query.h"
-
 #include <gtest/gtest.h>
 
 #include "support/QueryPrinting.h"
+#include "tarvolin/query/Query.h"
 
 namespace tarvolin {
 namespace {

@@ -1,9 +1,8 @@
-#include "tarvolin/query/Ranker.h"
-
 #include <gtest/gtest.h>
 
 #include "support/IndexFixture.h"
 #include "support/TempTree.h"
+#include "tarvolin/query/Ranker.h"
 
 namespace tarvolin {
 namespace {
@@ -11,20 +10,20 @@ namespace {
 class RankerTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    store_ = testing::writeAndLoad(
-        testing::buildTree({
-            {"/a/b/file.txt"},                        // depth 3
-            {"/a/b/.file.txt"},                       // hidden
-            {"/x/node_modules/y/file.txt"},           // demoted by an ancestor
-            {"/Tools.app/", std::nullopt, 0, RecordFlags::isApp},
-            {"/Tools.app/c/file.txt"},                // inside an application
-            {"/a/Build/file.txt"},                    // case-sensitive demotion
-            {"/a/b/build"},                           // own name never demotes
-        }),
-        tree_ / "index.bin");
+    store_ = testing::writeAndLoad(testing::buildTree({
+                                       {"/a/b/file.txt"},               // depth 3
+                                       {"/a/b/.file.txt"},              // hidden
+                                       {"/x/node_modules/y/file.txt"},  // demoted by an ancestor
+                                       {"/Tools.app/", std::nullopt, 0, RecordFlags::isApp},
+                                       {"/Tools.app/c/file.txt"},  // inside an application
+                                       {"/a/Build/file.txt"},      // case-sensitive demotion
+                                       {"/a/b/build"},             // own name never demotes
+                                   }),
+                                   tree_ / "index.bin");
   }
   uint32_t id(const std::string& path) { return *testing::findRecord(*store_, path); }
-  Match at(const std::string& path, MatchQuality quality = MatchQuality::substring, int32_t offset = 0) {
+  Match at(const std::string& path, MatchQuality quality = MatchQuality::substring,
+           int32_t offset = 0) {
     return Match{id(path), quality, offset};
   }
   testing::TempTree tree_;
@@ -47,7 +46,8 @@ TEST_F(RankerTest, BucketsComeBeforeScores) {
   Ranker ranker(store_);
   std::vector<Match> matches;
   for (int i = 0; i < 10; ++i) matches.push_back(at("/a/b/file.txt", MatchQuality::prefix, i));
-  for (int i = 0; i < 3; ++i) matches.push_back(at("/x/node_modules/y/file.txt", MatchQuality::exact, i));
+  for (int i = 0; i < 3; ++i)
+    matches.push_back(at("/x/node_modules/y/file.txt", MatchQuality::exact, i));
   std::vector<RankedResult> ranked = ranker.rank(matches, 5);
   ASSERT_EQ(ranked.size(), 5u);
   for (int i = 0; i < 3; ++i) {
@@ -91,14 +91,16 @@ TEST(RankerMemoTest, EveryMemoFormGivesTheSameScores) {
     std::string base = "/t" + std::to_string(top) + (top % 7 == 0 ? "/node_modules" : "");
     RecordFlags flags = top % 11 == 0 ? RecordFlags::isApp : RecordFlags();
     entries.push_back({base + "/Tool.app/", std::nullopt, 0, flags});
-    for (int sub = 0; sub < 120; ++sub) entries.push_back({base + "/Tool.app/s" + std::to_string(sub) + "/f"});
+    for (int sub = 0; sub < 120; ++sub)
+      entries.push_back({base + "/Tool.app/s" + std::to_string(sub) + "/f"});
   }
   testing::TempTree tree;
   auto store = testing::writeAndLoad(testing::buildTree(entries), tree / "index.bin");
   ASSERT_GT(store->count(), 36000u);
 
   std::vector<Match> all;
-  for (uint32_t id = 0; id < store->count(); ++id) all.push_back(Match{id, MatchQuality::substring, 0});
+  for (uint32_t id = 0; id < store->count(); ++id)
+    all.push_back(Match{id, MatchQuality::substring, 0});
   Ranker flatFromTheStart(store);
   ASSERT_EQ(flatFromTheStart.rank(all, 1).size(), 1u);
   Ranker growing(store);  // one match at a time: small table first, flat after many folders

@@ -1,9 +1,8 @@
-#include "tarvolin/query/SearchSession.h"
-
 #include <gtest/gtest.h>
 
 #include "support/IndexFixture.h"
 #include "support/TempTree.h"
+#include "tarvolin/query/SearchSession.h"
 
 namespace tarvolin {
 namespace {
@@ -38,7 +37,8 @@ TEST(SearchSessionTest, StackGrowsRevisitsAndRestarts) {
 TEST(SearchSessionTest, UpdateStoreMakesEveryLevelStale) {
   testing::TempTree tree;
   auto first = testing::writeAndLoad(testing::buildTree({{"/one.txt"}}), tree / "a.bin");
-  auto second = testing::writeAndLoad(testing::buildTree({{"/one.txt"}, {"/one.md"}}), tree / "b.bin");
+  auto second =
+      testing::writeAndLoad(testing::buildTree({{"/one.txt"}, {"/one.md"}}), tree / "b.bin");
   SearchSession session(first);
   EXPECT_EQ(session.search("one").size(), 1u);
   session.setTrigrams(std::make_shared<const TrigramIndex>());

@@ -1,10 +1,9 @@
-#include "tarvolin/query/TrigramIndex.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
 
 #include "support/TempTree.h"
+#include "tarvolin/query/TrigramIndex.h"
 
 namespace tarvolin {
 namespace {
@@ -23,8 +22,12 @@ TrigramIndex buildWith(uint32_t count, const std::vector<std::pair<uint32_t, std
 }
 
 TEST(TrigramIndexTest, CandidateBlocksFollowTheUsefulnessRule) {
-  TrigramIndex index = buildWith(
-      3000, {{10, "needle"}, {2100, "NEEDLE.txt"}, {1500, "xyz"}, {1100, "abcd"}, {1200, "cdef"}, {1600, "lexy"}});
+  TrigramIndex index = buildWith(3000, {{10, "needle"},
+                                        {2100, "NEEDLE.txt"},
+                                        {1500, "xyz"},
+                                        {1100, "abcd"},
+                                        {1200, "cdef"},
+                                        {1600, "lexy"}});
   EXPECT_EQ(index.blockCount(), 3);
   EXPECT_EQ(index.candidateBlocks("ne"), std::nullopt) << "two bytes: no opinion";
   EXPECT_EQ(index.candidateBlocks("qqq"), std::vector<uint32_t>()) << "absent trigram";
@@ -75,7 +78,8 @@ TEST(TrigramIndexTest, SideFileRoundTripsAndRejectsEveryMismatch) {
       {"one word short", [](std::string& b) { b.resize(b.size() - 4); }},
       {"one word long", [](std::string& b) { b += std::string(4, '\0'); }},
       {"under 32 bytes", [](std::string& b) { b.resize(31); }},
-      {"posting start out of range", [](std::string& b) {
+      {"posting start out of range",
+       [](std::string& b) {
          uint32_t k;
          std::memcpy(&k, b.data() + 20, 4);
          uint32_t huge = 0x7FFFFFFF;

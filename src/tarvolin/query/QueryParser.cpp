@@ -10,13 +10,13 @@
 
 namespace tarvolin::QueryParser {
 
-using tarvolin::platform::graphemeCount;
 using tarvolin::detail::characterViews;
 using tarvolin::detail::endsWithCharacter;
 using tarvolin::detail::endsWithCharacters;
 using tarvolin::detail::findCharacter;
 using tarvolin::detail::isCharacter;
 using tarvolin::detail::startsWithCharacter;
+using tarvolin::platform::graphemeCount;
 
 namespace {
 

@@ -46,7 +46,8 @@ class SearchSession {
   };
 
   /// The previous results to re-examine, when `text` only extends the top level's single word.
-  std::optional<std::vector<uint32_t>> candidatePool(const std::string& text, const Query& query) const;
+  std::optional<std::vector<uint32_t>> candidatePool(const std::string& text,
+                                                     const Query& query) const;
 
   std::unique_ptr<Matcher> matcher_;
   std::vector<Level> stack_;

@@ -5,10 +5,10 @@
 
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/platform/AtomicFile.h"
-#include "tarvolin/query/detail/AsciiFold.h"
 #include "tarvolin/platform/MappedFile.h"
 #include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/Precondition.h"
+#include "tarvolin/query/detail/AsciiFold.h"
 
 namespace tarvolin {
 
@@ -99,7 +99,8 @@ std::optional<std::pair<const uint32_t*, const uint32_t*>> TrigramIndex::blocks(
   auto found = std::lower_bound(keys_.begin(), keys_.end(), key);
   if (found == keys_.end() || *found != key) return std::nullopt;
   size_t i = static_cast<size_t>(found - keys_.begin());
-  return std::make_pair(postings_.data() + postingStart_[i], postings_.data() + postingStart_[i + 1]);
+  return std::make_pair(postings_.data() + postingStart_[i],
+                        postings_.data() + postingStart_[i + 1]);
 }
 
 std::optional<std::vector<uint32_t>> TrigramIndex::candidateBlocks(std::string_view needle) const {
@@ -129,8 +130,8 @@ std::optional<std::vector<uint32_t>> TrigramIndex::candidateBlocks(std::string_v
     result.swap(merged);
   }
   if (result.empty()) return result;
-  double share = static_cast<double>(result.size()) /
-                 static_cast<double>(std::max<int64_t>(blockCount_, 1));
+  double share =
+      static_cast<double>(result.size()) / static_cast<double>(std::max<int64_t>(blockCount_, 1));
   if (share <= usefulnessThreshold) return result;
   return std::nullopt;
 }
@@ -165,11 +166,10 @@ void TrigramIndex::write(const std::filesystem::path& url, uint64_t storeChecksu
   TARVOLIN_PRECONDITION(keys_.size() <= 0xFFFFFFFFull && postings_.size() <= 0xFFFFFFFFull);
   std::vector<uint32_t> words;
   words.reserve(8 + keys_.size() + postingStart_.size() + postings_.size());
-  words.insert(words.end(), {fileMagic, fileVersion, static_cast<uint32_t>(storeChecksum),
-                             static_cast<uint32_t>(storeChecksum >> 32),
-                             static_cast<uint32_t>(blockCount_),
-                             static_cast<uint32_t>(keys_.size()),
-                             static_cast<uint32_t>(postings_.size()), 0});
+  words.insert(words.end(),
+               {fileMagic, fileVersion, static_cast<uint32_t>(storeChecksum),
+                static_cast<uint32_t>(storeChecksum >> 32), static_cast<uint32_t>(blockCount_),
+                static_cast<uint32_t>(keys_.size()), static_cast<uint32_t>(postings_.size()), 0});
   words.insert(words.end(), keys_.begin(), keys_.end());
   words.insert(words.end(), postingStart_.begin(), postingStart_.end());
   words.insert(words.end(), postings_.begin(), postings_.end());
