@@ -31,17 +31,22 @@ median() { # hyperfine json -> median ms of command $2
   python3 -c "import json,sys; print(json.load(open(sys.argv[1]))['results'][int(sys.argv[2])]['median']*1000)" "$1" "$2"
 }
 ratio() { python3 -c "print(f'{$1/$2:.2f}')"; }
+busy() { # hyperfine json -> CPU (user + sys) over wall of command $2: processors kept busy
+  python3 -c "import json,sys; r=json.load(open(sys.argv[1]))['results'][int(sys.argv[2])]; print(f\"{(r['user']+r['system'])/r['mean']:.2f}\")" "$1" "$2"
+}
 
-printf '%-24s %10s %12s %12s %8s %8s\n' query tvl_ms plocate-i_ms plocate_ms 'vs -i' 'vs plain'
+printf '%-24s %10s %9s %12s %12s %8s %8s\n' query tvl_ms cpu/wall plocate-i_ms plocate_ms 'vs -i' 'vs plain'
 for pair in "${pairs[@]}"; do
   t=${pair%%|*}; p=${pair#*|}
   hyperfine -N --warmup 3 --runs 30 --export-json "$work/r.json" \
     "$tvl search $t" "plocate -d $work/plocate.db -i -l 20 $p" "plocate -d $work/plocate.db -l 20 $p" \
     >/dev/null 2>&1
   a=$(median "$work/r.json" 0); b=$(median "$work/r.json" 1); c=$(median "$work/r.json" 2)
-  printf '%-24s %10.2f %12.2f %12.2f %8s %8s\n' "$t" "$a" "$b" "$c" "$(ratio "$a" "$b")" "$(ratio "$a" "$c")"
+  printf '%-24s %10.2f %9s %12.2f %12.2f %8s %8s\n' "$t" "$a" "$(busy "$work/r.json" 0)" "$b" "$c" \
+    "$(ratio "$a" "$b")" "$(ratio "$a" "$c")"
 done
 hyperfine -N --warmup 2 --runs 10 --export-json "$work/r.json" \
   "$tvl search /$regex/" "plocate -d $work/plocate.db --regex -l 20 $regex" >/dev/null 2>&1
 a=$(median "$work/r.json" 0); c=$(median "$work/r.json" 1)
-printf '%-24s %10.2f %12s %12.2f %8s %8s\n' "/regex/" "$a" "-" "$c" "-" "$(ratio "$a" "$c")"
+printf '%-24s %10.2f %9s %12s %12.2f %8s %8s\n' "/regex/" "$a" "$(busy "$work/r.json" 0)" "-" "$c" "-" \
+  "$(ratio "$a" "$c")"

@@ -225,6 +225,16 @@ TEST(ContentIndexTest, WriteAndReadBackKeepDocumentsAndBlob) {
       std::equal(read.blob().begin(), read.blob().end(), index.blob().begin(), index.blob().end()));
   EXPECT_EQ(read.deadBytes(), 0);
 
+  // A read index searches its file's bytes in place; changing it (or a copy) takes its own
+  // copy first, and the file and other copies stay as they were.
+  ContentIndex changed = read;
+  changed.upsert("/whole", 5, "fifth");
+  EXPECT_TRUE(changed.compactIfNeeded(0.0));
+  EXPECT_EQ(changed.search("fifth", 5).size(), 1u);
+  EXPECT_EQ(read.search("fourth", 5).size(), 1u);
+  EXPECT_EQ(read.search("fifth", 5).size(), 0u);
+  EXPECT_EQ(ContentIndex::read(tree / "sub/content.bin"), read);
+
   std::string file = readFile(tree / "sub/content.bin");
   uint32_t tableBytes = static_cast<uint8_t>(file[0]) | static_cast<uint8_t>(file[1]) << 8 |
                         static_cast<uint8_t>(file[2]) << 16 | static_cast<uint8_t>(file[3]) << 24;

@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <limits>
 #include <optional>
 #include <system_error>
@@ -13,6 +12,7 @@
 #include "tarvolin/content/ContentIndexTable.h"
 #include "tarvolin/content/detail/ContentScan.h"
 #include "tarvolin/platform/AtomicFile.h"
+#include "tarvolin/platform/MappedFile.h"
 #include "tarvolin/platform/Unicode.h"
 
 namespace tarvolin {
@@ -65,17 +65,6 @@ std::string previewOf(std::string_view line, size_t characters) {
   return preview;
 }
 
-[[noreturn]] void throwReadFailure(const std::filesystem::path& path, int errorNumber) {
-  throw std::filesystem::filesystem_error(
-      "read", path, std::error_code(errorNumber != 0 ? errorNumber : EIO, std::generic_category()));
-}
-
-// Reads up to `count` bytes into `out`; returns how many arrived (fewer when the file shrank).
-size_t readUpTo(std::ifstream& in, uint8_t* out, size_t count) {
-  in.read(reinterpret_cast<char*>(out), static_cast<std::streamsize>(count));
-  return static_cast<size_t>(in.gcount());
-}
-
 uint32_t littleEndian32(const uint8_t* bytes) {
   return uint32_t{bytes[0]} | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 |
          uint32_t{bytes[3]} << 24;
@@ -84,16 +73,23 @@ uint32_t littleEndian32(const uint8_t* bytes) {
 }  // namespace
 
 ContentIndex::ContentIndex(std::vector<Document> documents, std::vector<uint8_t> blob)
-    : documents_(std::move(documents)), blob_(std::move(blob)) {}
+    : documents_(std::move(documents)), owned_(std::move(blob)) {}
+
+void ContentIndex::own() {
+  if (!mapped_) return;
+  owned_.assign(mappedBlob_.begin(), mappedBlob_.end());
+  mapped_.reset();
+  mappedBlob_ = {};
+}
 
 std::vector<ContentIndex::Hit> ContentIndex::search(std::string_view query, int64_t limit) const {
   std::vector<Hit> hits;
   const std::string needleText = platform::lowercase(query);
-  if (needleText.empty() || blob_.empty() || documents_.empty()) return hits;
+  const std::span<const uint8_t> blob = this->blob();
+  if (needleText.empty() || blob.empty() || documents_.empty()) return hits;
   const std::span<const uint8_t> needle(reinterpret_cast<const uint8_t*>(needleText.data()),
                                         needleText.size());
   const detail::ContentScanKernel kernel = detail::preferredContentKernel();
-  const std::span<const uint8_t> blob(blob_);
   for (const Document& document : documents_) {
     if (static_cast<int64_t>(hits.size()) >= limit) break;
     std::optional<Range> range = clamped(document, blob.size());
@@ -130,9 +126,10 @@ ContentIndex::Results ContentIndex::searchAll(std::string_view query, int64_t li
 void ContentIndex::upsert(std::string path, double modified, std::string_view text) {
   const std::string lowered = platform::lowercase(text);
   remove(path);
-  documents_.push_back(Document{std::move(path), modified, static_cast<int64_t>(blob_.size()),
+  own();
+  documents_.push_back(Document{std::move(path), modified, static_cast<int64_t>(owned_.size()),
                                 static_cast<int64_t>(lowered.size())});
-  blob_.insert(blob_.end(), lowered.begin(), lowered.end());
+  owned_.insert(owned_.end(), lowered.begin(), lowered.end());
 }
 
 bool ContentIndex::remove(std::string_view path) {
@@ -165,15 +162,16 @@ bool ContentIndex::isStale(std::string_view path, double modified) const {
 }
 
 bool ContentIndex::compactIfNeeded(double threshold) {
-  if (blob_.empty()) return false;
-  if (!(static_cast<double>(deadBytes_) / static_cast<double>(blob_.size()) > threshold)) {
+  const std::span<const uint8_t> current = blob();
+  if (current.empty()) return false;
+  if (!(static_cast<double>(deadBytes_) / static_cast<double>(current.size()) > threshold)) {
     return false;
   }
   std::vector<Document> sorted = documents_;
   std::stable_sort(sorted.begin(), sorted.end(),
                    [](const Document& a, const Document& b) { return a.path < b.path; });
   std::vector<uint8_t> blob;
-  int64_t live = static_cast<int64_t>(blob_.size()) - deadBytes_;
+  int64_t live = static_cast<int64_t>(current.size()) - deadBytes_;
   if (live > 0) blob.reserve(static_cast<size_t>(live));
   std::vector<Document> table;
   table.reserve(sorted.size());
@@ -181,19 +179,21 @@ bool ContentIndex::compactIfNeeded(double threshold) {
     // Ranges that start past the blob, or are negative, leave nothing to keep; a range that
     // reaches past the blob keeps the part inside it.
     if (document.offset < 0 || document.length < 0 ||
-        static_cast<uint64_t>(document.offset) > blob_.size()) {
+        static_cast<uint64_t>(document.offset) > current.size()) {
       continue;
     }
     const auto start = static_cast<size_t>(document.offset);
     const size_t end = start + static_cast<size_t>(std::min<uint64_t>(
-                                   static_cast<uint64_t>(document.length), blob_.size() - start));
+                                   static_cast<uint64_t>(document.length), current.size() - start));
     table.push_back(Document{std::move(document.path), document.modified,
                              static_cast<int64_t>(blob.size()), static_cast<int64_t>(end - start)});
-    blob.insert(blob.end(), blob_.begin() + static_cast<ptrdiff_t>(start),
-                blob_.begin() + static_cast<ptrdiff_t>(end));
+    blob.insert(blob.end(), current.begin() + static_cast<ptrdiff_t>(start),
+                current.begin() + static_cast<ptrdiff_t>(end));
   }
   documents_ = std::move(table);
-  blob_ = std::move(blob);
+  owned_ = std::move(blob);
+  mapped_.reset();
+  mappedBlob_ = {};
   deadBytes_ = 0;
   return true;
 }
@@ -210,40 +210,26 @@ void ContentIndex::write(const std::filesystem::path& path) const {
   const std::array<std::span<const uint8_t>, 3> parts = {
       std::span<const uint8_t>(prefix),
       std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(table.data()), table.size()),
-      std::span<const uint8_t>(blob_)};
+      blob()};
   platform::AtomicFile file(path);
   file.write(std::span<const std::span<const uint8_t>>(parts));
   file.commit();
 }
 
 ContentIndex ContentIndex::read(const std::filesystem::path& path) {
-  std::error_code error;
-  // Anything but a regular file (a folder, a named pipe) is refused before it is opened, so a
-  // pipe at the path cannot stall the reader.
-  std::filesystem::file_status status = std::filesystem::status(path, error);
-  if (error) throw std::filesystem::filesystem_error("read", path, error);
-  if (!std::filesystem::is_regular_file(status)) throwReadFailure(path, EISDIR);
-  uintmax_t size = std::filesystem::file_size(path, error);
-  if (error) throw std::filesystem::filesystem_error("read", path, error);
-  errno = 0;
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throwReadFailure(path, errno);
-
-  std::array<uint8_t, 4> prefix;
-  if (size < prefix.size() || readUpTo(in, prefix.data(), prefix.size()) < prefix.size()) {
-    return ContentIndex();
-  }
-  const uint32_t tableBytes = littleEndian32(prefix.data());
-  if (size - prefix.size() < tableBytes) return ContentIndex();
-  std::string table(tableBytes, '\0');
-  if (readUpTo(in, reinterpret_cast<uint8_t*>(table.data()), tableBytes) < tableBytes) {
-    return ContentIndex();
-  }
-  std::vector<Document> documents = ContentIndexTable::decode(table);
-  std::vector<uint8_t> blob(static_cast<size_t>(size - prefix.size() - tableBytes));
-  blob.resize(readUpTo(in, blob.data(), blob.size()));
-  if (in.bad()) throwReadFailure(path, errno);
-  return ContentIndex(std::move(documents), std::move(blob));
+  // Mapped, and faulted in at once: the search reads every byte. Anything but a regular file is
+  // refused, a named pipe without waiting for a writer.
+  auto mapping =
+      std::make_shared<const platform::MappedFile>(platform::MappedFile::open(path, true));
+  std::span<const uint8_t> file = mapping->bytes();
+  if (file.size() < 4) return ContentIndex();
+  const uint32_t tableBytes = littleEndian32(file.data());
+  if (file.size() - 4 < tableBytes) return ContentIndex();
+  ContentIndex index;
+  index.documents_ = ContentIndexTable::decode(asText(file.subspan(4, tableBytes)));
+  index.mappedBlob_ = file.subspan(4 + size_t{tableBytes});
+  index.mapped_ = std::move(mapping);
+  return index;
 }
 
 ContentIndex ContentIndex::decode(std::span<const uint8_t> file) {

@@ -14,8 +14,10 @@
 // Ranges are never trusted: an index read from a file may hold any offsets and lengths, so every
 // use of a range clamps it to the blob and skips it when negative or empty.
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <span>
 #include <string>
 #include <string_view>
@@ -23,6 +25,10 @@
 #include <vector>
 
 namespace tarvolin {
+
+namespace platform {
+class MappedFile;
+}
 
 class ContentIndex {
  public:
@@ -68,13 +74,15 @@ class ContentIndex {
   ContentIndex(std::vector<Document> documents, std::vector<uint8_t> blob);
 
   const std::vector<Document>& documents() const { return documents_; }
-  std::span<const uint8_t> blob() const { return blob_; }
+  std::span<const uint8_t> blob() const {
+    return mapped_ ? mappedBlob_ : std::span<const uint8_t>(owned_);
+  }
   /// Blob bytes no document refers to any more (left by upsert and remove). Not stored in the
   /// file: an index read back starts at 0.
   int64_t deadBytes() const { return deadBytes_; }
   bool isEmpty() const { return documents_.empty(); }
   /// Size of the blob, dead bytes included.
-  int64_t textBytes() const { return static_cast<int64_t>(blob_.size()); }
+  int64_t textBytes() const { return static_cast<int64_t>(blob().size()); }
 
   /// The documents holding `query` (lower-cased; compared as bytes), in table order, at most
   /// `limit` of them: the line and preview of each one's first occurrence. An empty needle, an
@@ -103,16 +111,26 @@ class ContentIndex {
   void write(const std::filesystem::path& path) const;
   /// Reads an index written by `write`. A file shorter than 4 bytes, or shorter than the table
   /// its first word announces, is the empty index. Throws std::system_error when the file cannot
-  /// be read, ContentIndexError::malformedTable when the table does not decode.
+  /// be read, ContentIndexError::malformedTable when the table does not decode. The blob stays
+  /// in the file's mapping (a search reads it in place, no copy) until the index is changed; the
+  /// file is only ever replaced by renaming a new one over it, so the mapped bytes never change.
   static ContentIndex read(const std::filesystem::path& path);
   /// The same over the bytes of such a file.
   static ContentIndex decode(std::span<const uint8_t> file);
 
-  friend bool operator==(const ContentIndex&, const ContentIndex&) = default;
+  friend bool operator==(const ContentIndex& a, const ContentIndex& b) {
+    return a.documents_ == b.documents_ && a.deadBytes_ == b.deadBytes_ &&
+           std::ranges::equal(a.blob(), b.blob());
+  }
 
  private:
+  /// Copies a mapped blob into owned memory before a change.
+  void own();
+
   std::vector<Document> documents_;
-  std::vector<uint8_t> blob_;
+  std::vector<uint8_t> owned_;                          // the blob, unless it is mapped
+  std::shared_ptr<const platform::MappedFile> mapped_;  // shared by copies of a read index
+  std::span<const uint8_t> mappedBlob_;                 // the blob's bytes inside mapped_
   int64_t deadBytes_ = 0;
 };
 
