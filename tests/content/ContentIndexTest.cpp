@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <limits>
 #include <random>
@@ -377,6 +378,47 @@ TEST(ContentScanTest, VectorKernelsAgreeWithScalar) {
     size_t feeds = 0;
     for (uint8_t byte : blob) feeds += byte == '\n';
     ASSERT_EQ(detail::countLineFeeds(blob), feeds);
+  }
+}
+
+}  // namespace
+}  // namespace tarvolin
+
+namespace tarvolin {
+namespace {
+
+// Past 8 MiB of text a search runs in shards on several threads; joined, they must give what one
+// pass over the table gives: the same documents in table order, the same lines, cut at the limit.
+TEST(ContentIndexTest, ShardedSearchGivesTheSinglePassHits) {
+  ContentIndex index;
+  std::string filler(4000, 'x');
+  std::vector<std::string> paths;
+  for (int d = 0; d < 3000; ++d) {  // about 12 MB of text
+    std::string text = filler;
+    if (d % 7 == 0) text += "\nline two has needle" + std::to_string(d % 3);
+    if (d % 500 == 0) text += "\nrare marker";
+    index.upsert("/docs/" + std::to_string(d), 1, text);
+  }
+  ASSERT_GT(index.blob().size(), size_t{8} << 20);
+  struct Case {
+    const char* needle;
+    int64_t limit;
+  } cases[] = {{"needle", 1000},     {"needle", 5},  {"needle1", 100000}, {"rare marker", 3},
+               {"rare marker", 100}, {"absent", 10}, {"needle", 0}};
+  for (const Case& c : cases) {
+    std::vector<std::pair<std::string, int64_t>> expected, found;
+    for (const ContentIndex::Document& document : index.documents()) {
+      if (static_cast<int64_t>(expected.size()) >= c.limit) break;
+      std::string_view text(reinterpret_cast<const char*>(index.blob().data()) + document.offset,
+                            static_cast<size_t>(document.length));
+      size_t at = text.find(c.needle);
+      if (at == std::string_view::npos) continue;
+      expected.emplace_back(document.path, 1 + std::count(text.begin(), text.begin() + at, '\n'));
+    }
+    for (const ContentIndex::Hit& hit : index.search(c.needle, c.limit)) {
+      found.emplace_back(hit.path, hit.line);
+    }
+    EXPECT_EQ(found, expected) << c.needle << " limit " << c.limit;
   }
 }
 
