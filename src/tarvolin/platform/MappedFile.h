@@ -12,12 +12,9 @@ namespace tarvolin::platform {
 
 class MappedFile {
  public:
-  /// What open() throws: the errno of the failed call (EISDIR for anything but a regular file)
-  /// with the call and the path.
-  using Error = std::system_error;
-
   /// Maps `path` whole. `populate` asks the kernel to fault every page in at once (cheaper than
-  /// one fault per page when the caller is about to read all of it). Throws std::system_error.
+  /// one fault per page when the caller is about to read all of it). Throws std::system_error
+  /// with the errno of the failed call (EISDIR for anything but a regular file) and the path.
   /// A file of zero bytes gives an empty mapping (no mmap call).
   static MappedFile open(const std::filesystem::path& path, bool populate);
 

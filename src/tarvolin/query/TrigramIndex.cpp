@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <system_error>
 
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/platform/AtomicFile.h"
@@ -182,7 +183,7 @@ std::optional<TrigramIndex> TrigramIndex::load(const std::filesystem::path& url,
   platform::MappedFile file;
   try {
     file = platform::MappedFile::open(url, /*populate=*/true);
-  } catch (const platform::MappedFile::Error&) {
+  } catch (const std::system_error&) {
     return std::nullopt;
   }
   if (file.size() < 32) return std::nullopt;
