@@ -2,7 +2,6 @@
 // bytes of output (inflate) and of input (XML) per second.
 
 #include <benchmark/benchmark.h>
-#include <libdeflate.h>
 
 #include <cstdlib>
 #include <random>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/ZipWriter.h"
 #include "tarvolin/content/TextExtraction.h"
 #include "tarvolin/content/ZipReader.h"
 
@@ -33,78 +33,22 @@ std::string documentXml(size_t bytes) {
   return xml + "</w:body></w:document>";
 }
 
-void put16(std::string& out, uint32_t value) {
-  out += static_cast<char>(value & 0xFF);
-  out += static_cast<char>((value >> 8) & 0xFF);
-}
-
-void put32(std::string& out, uint32_t value) {
-  put16(out, value & 0xFFFF);
-  put16(out, value >> 16);
-}
-
-// A ZIP archive of DEFLATE entries.
-std::string zipOf(const std::vector<std::pair<std::string, std::string>>& entries) {
-  libdeflate_compressor* compressor = libdeflate_alloc_compressor(6);
-  std::string archive, directory;
-  for (const auto& [name, contents] : entries) {
-    std::string data(libdeflate_deflate_compress_bound(compressor, contents.size()), '\0');
-    data.resize(libdeflate_deflate_compress(compressor, contents.data(), contents.size(),
-                                            data.data(), data.size()));
-    auto offset = static_cast<uint32_t>(archive.size());
-    for (std::string* out : {&archive, &directory}) {
-      bool central = out == &directory;
-      put32(*out, central ? 0x02014B50 : 0x04034B50);
-      if (central) put16(*out, 20);
-      put16(*out, 20);
-      put16(*out, 0);
-      put16(*out, 8);
-      put32(*out, 0);
-      put32(*out, 0);
-      put32(*out, static_cast<uint32_t>(data.size()));
-      put32(*out, static_cast<uint32_t>(contents.size()));
-      put16(*out, static_cast<uint32_t>(name.size()));
-      put16(*out, 0);
-      if (central) {
-        put16(*out, 0);
-        put16(*out, 0);
-        put16(*out, 0);
-        put32(*out, 0);
-        put32(*out, offset);
-      }
-      *out += name;
-    }
-    archive += data;
-  }
-  libdeflate_free_compressor(compressor);
-  auto directoryOffset = static_cast<uint32_t>(archive.size());
-  archive += directory;
-  put32(archive, 0x06054B50);
-  put32(archive, 0);
-  put16(archive, static_cast<uint32_t>(entries.size()));
-  put16(archive, static_cast<uint32_t>(entries.size()));
-  put32(archive, static_cast<uint32_t>(directory.size()));
-  put32(archive, directoryOffset);
-  put16(archive, 0);
-  return archive;
-}
-
 std::span<const uint8_t> bytesOf(const std::string& s) {
   return {reinterpret_cast<const uint8_t*>(s.data()), s.size()};
 }
 
 // A presentation of 20 slides of 200 KiB XML each, plus entries the reader skips.
 void BM_ZipReader_Inflate(benchmark::State& state) {
-  std::vector<std::pair<std::string, std::string>> entries;
+  std::vector<tarvolin::testing::ZipEntrySpec> entries;
   size_t expected = 0;
   for (int slide = 1; slide <= 20; ++slide) {
     std::string xml = documentXml(200 << 10);
     expected += xml.size();
-    entries.emplace_back("ppt/slides/slide" + std::to_string(slide) + ".xml", std::move(xml));
-    entries.emplace_back("ppt/slides/_rels/slide" + std::to_string(slide) + ".xml.rels",
-                         documentXml(4 << 10));
+    entries.push_back({"ppt/slides/slide" + std::to_string(slide) + ".xml", std::move(xml)});
+    entries.push_back(
+        {"ppt/slides/_rels/slide" + std::to_string(slide) + ".xml.rels", documentXml(4 << 10)});
   }
-  const std::string archive = zipOf(entries);
+  const std::string archive = tarvolin::testing::makeZip(entries);
   auto slides = [](std::string_view name) {
     return name.starts_with("ppt/slides/slide") && name.ends_with(".xml");
   };
