@@ -36,11 +36,6 @@ std::vector<Hit> searchOne(const std::string& needle, const std::string& path,
   return hitsOf(ContentSearcher::search(needle, {path}, caseSensitive));
 }
 
-TEST(ContentSearcherTest, EmptyNeedleFindsNothingWhateverTheCandidates) {
-  std::vector<std::string> many(6000, "/nonexistent");
-  EXPECT_EQ(ContentSearcher::search("", many, false), Outcome(std::vector<Hit>{}));
-}
-
 TEST(ContentSearcherTest, CandidateLimitRefusesOnlyLongerLists) {
   TempTree tree;
   writeFile(tree / "last.txt", "the needle\n");
@@ -304,16 +299,6 @@ TEST(ContentSearcherTest, DeepSearchCancelledMidwayStopsReporting) {
   EXPECT_LE(afterCancel->load(), static_cast<int>(platform::activeProcessorCount()));
   std::lock_guard guard(result->lock);
   EXPECT_LE(result->hits.size(), static_cast<size_t>(begun));
-}
-
-TEST(ContentSearcherTest, DeepSearchWithEmptyNeedleFinishesAtOnce) {
-  std::vector<std::pair<int64_t, bool>> calls;
-  ContentSearcher::deepSearch(
-      "", {"/nonexistent"}, [] { return false; }, [](const Hit&) { FAIL(); },
-      [&](int64_t begun, bool cancelled) {
-        calls.push_back({begun, cancelled});
-      });
-  EXPECT_EQ(calls, (std::vector<std::pair<int64_t, bool>>{{0, false}}));
 }
 
 }  // namespace

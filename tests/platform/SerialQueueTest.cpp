@@ -81,14 +81,6 @@ TEST(SerialQueueTest, DestructionDrainsEveryWaitingTask) {
   EXPECT_EQ(ran.load(), 1100);
 }
 
-TEST(SerialQueueTest, DestroyingAnIdleOrUnusedQueueReturns) {
-  { SerialQueue unused; }
-  SerialQueue queue;
-  queue.submit([] {});
-  queue.waitUntilIdle();
-  queue.waitUntilIdle();  // idle already: returns at once
-}
-
 // A throwing task is handed to the failure handler; the tasks after it still run.
 TEST(SerialQueueTest, AThrowingTaskDoesNotStopTheQueue) {
   std::mutex messagesLock;
