@@ -37,4 +37,9 @@ int runFind(const Context& context);
 int runBench(const Context& context);
 int runMeasure(const Context& context);
 
+// Commands beyond the six of the help text (documented in docs/cli.md).
+int runVolumes(const Context& context);
+int runEstimate(const Context& context);
+int runWatch(const Context& context);
+
 }  // namespace tvl

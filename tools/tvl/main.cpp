@@ -42,9 +42,16 @@ struct CommandEntry {
 };
 
 constexpr CommandEntry kCommands[] = {
-    {"scan", tvl::runScan, false},       {"search", tvl::runSearch, true},
-    {"content", tvl::runContent, false}, {"find", tvl::runFind, true},
-    {"bench", tvl::runBench, false},     {"measure", tvl::runMeasure, false},
+    {"scan", tvl::runScan, false},
+    {"search", tvl::runSearch, true},
+    {"content", tvl::runContent, false},
+    {"find", tvl::runFind, true},
+    {"bench", tvl::runBench, false},
+    {"measure", tvl::runMeasure, false},
+    // Added beside the six of the help text; each parses its words with tvl::parseOptions.
+    {"volumes", tvl::runVolumes, false},
+    {"estimate", tvl::runEstimate, false},
+    {"watch", tvl::runWatch, false},
 };
 
 int run(int argc, char** argv) {

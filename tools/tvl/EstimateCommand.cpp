@@ -1,0 +1,15 @@
+// Placeholder until the command lands; keeps the dispatcher linking.
+#include "CommandLine.h"
+#include "Commands.h"
+#include "Output.h"
+
+namespace tvl {
+
+int runEstimate(const Context& context) {
+  static constexpr CommandSpec kSpec{"tvl estimate [--json]", "Not built yet."};
+  parseOptions(kSpec, context.words);
+  output::errorLine("tvl: not built yet");
+  return 1;
+}
+
+}  // namespace tvl

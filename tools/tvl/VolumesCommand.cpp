@@ -1,0 +1,15 @@
+// Placeholder until the command lands; keeps the dispatcher linking.
+#include "CommandLine.h"
+#include "Commands.h"
+#include "Output.h"
+
+namespace tvl {
+
+int runVolumes(const Context& context) {
+  static constexpr CommandSpec kSpec{"tvl volumes [--json]", "Not built yet."};
+  parseOptions(kSpec, context.words);
+  output::errorLine("tvl: not built yet");
+  return 1;
+}
+
+}  // namespace tvl
