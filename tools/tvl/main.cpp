@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "CommandLine.h"
 #include "Commands.h"
 #include "Output.h"
 #include "tarvolin/platform/HomeDirectory.h"
@@ -33,6 +34,19 @@ constexpr std::string_view kHelp =
 int help() {
   tvl::output::line(kHelp);
   return 1;
+}
+
+// "tvl --version [--json]": the version the build was configured with.
+int version(const std::vector<std::string>& args) {
+  static constexpr tvl::CommandSpec kSpec{"tvl --version [--json]",
+                                          "Print the version of tvl and exit.", {}, 0, 0};
+  tvl::ParsedOptions options = tvl::parseOptions(kSpec, {args.begin() + 1, args.end()});
+  if (options.json()) {
+    tvl::output::line(tvl::jsonText({{"version", TARVOLIN_VERSION}}));
+  } else {
+    tvl::output::line("tvl " TARVOLIN_VERSION);
+  }
+  return 0;
 }
 
 struct CommandEntry {
@@ -67,6 +81,7 @@ int run(int argc, char** argv) {
     args.push_back(tarvolin::platform::decodeUtf8Lossy({argv[i], std::strlen(argv[i])}));
   }
   if (args.empty()) return help();
+  if (args[0] == "--version") return version(args);
   for (const CommandEntry& command : kCommands) {
     if (args[0] != command.word) continue;
     context.words.assign(args.begin() + 1, args.end());
