@@ -161,6 +161,36 @@ TEST_F(LargeIndexTest, EveryStrategyAgreesWithTheGeneralEvaluation) {
   }
 }
 
+TEST_F(LargeIndexTest, RepeatedTermsFindWhatTheQueryWithoutThemFinds) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"report report", "report"},
+      {"report final report", "report final"},
+      {"ext:md report ext:md", "ext:md report"},
+      {"report | report", "report"},
+      {"ext:md | photo | ext:md", "ext:md | photo"},
+      {"!draft report !draft", "!draft report"},
+  };
+  for (const auto& [repeated, plain] : cases) {
+    Matcher matcher(store_);
+    EXPECT_EQ(matcher.match(QueryParser::parse(repeated)), matcher.match(QueryParser::parse(plain)))
+        << repeated;
+  }
+}
+
+TEST_F(LargeIndexTest, QueriesOfTooManyDifferentTermsAreRefused) {
+  auto words = [](size_t count, const char* prefix) {
+    std::string text;
+    for (size_t i = 0; i < count; ++i) text += prefix + std::to_string(i) + " ";
+    return text;
+  };
+  Matcher matcher(store_);
+  EXPECT_NO_THROW(matcher.match(QueryParser::parse(words(Matcher::maxTerms, "w"))));
+  EXPECT_THROW(matcher.match(QueryParser::parse(words(Matcher::maxTerms + 1, "w"))),
+               std::length_error);
+  EXPECT_THROW(matcher.match(QueryParser::parse(words(Matcher::maxTerms + 1, "w | "))),
+               std::length_error);
+}
+
 // Caseless Unicode matching lets "k" stand for U+212A and "s" for U+017F: an expression finds
 // such names through every strategy, not only the ones that run it on every name.
 TEST_F(LargeIndexTest, ExpressionsFindNamesSpelledWithCharactersThatFoldOntoAscii) {

@@ -40,6 +40,35 @@ TEST(QueryTest, RequirementsLookThroughAnyDepthOfNot) {
   }
 }
 
+TEST(QueryTest, WithoutRepeatsKeepsTheFirstOfIdenticalTermsAndGroups) {
+  Term notA = Term::not_(sub("a"));
+  Term big = Term::size(SizeComparison::greaterThan(5));
+  struct Case {
+    Query query;
+    Query expected;
+  };
+  const Case cases[] = {
+      {{.andTerms = {sub("a"), sub("b"), sub("a")}, .raw = "r"},
+       {.andTerms = {sub("a"), sub("b")}, .raw = "r"}},
+      // Only byte-identical terms are repeats: case and kind differ here.
+      {{.andTerms = {sub("A"), sub("a"), Term::exactPhrase("a"), notA, notA}},
+       {.andTerms = {sub("A"), sub("a"), Term::exactPhrase("a"), notA}}},
+      {{.andTerms = {big, Term::size(SizeComparison::lessThan(5)), big}},
+       {.andTerms = {big, Term::size(SizeComparison::lessThan(5))}}},
+      // A single group left is the plain list.
+      {{.orGroups = {{sub("a"), sub("a")}, {sub("a")}}}, {.andTerms = {sub("a")}}},
+      {{.orGroups = {{sub("a")}, {sub("b"), sub("c")}, {sub("a")}, {sub("b"), sub("c"), sub("b")}}},
+       {.orGroups = {{sub("a")}, {sub("b"), sub("c")}}}},
+      // Groups are compared in order: [b, c] and [c, b] stay two groups.
+      {{.orGroups = {{sub("b"), sub("c")}, {sub("c"), sub("b")}}},
+       {.orGroups = {{sub("b"), sub("c")}, {sub("c"), sub("b")}}}},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(c.query.withoutRepeats(), c.expected);
+    EXPECT_EQ(c.query.withoutRepeats().termCount(), c.expected.termCount());
+  }
+}
+
 TEST(QueryTest, SplittingContentTermsKeepsOrderAndNegatedContains) {
   Query query{.andTerms = {Term::contains("one"), sub("a"), Term::not_(Term::contains("x")),
                            Term::contains("two")},

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <iterator>
+#include <stdexcept>
+#include <string>
 
 #include "tarvolin/index/ParentWalk.h"
 #include "tarvolin/platform/Concurrency.h"
@@ -31,6 +33,18 @@ Matcher::~Matcher() = default;
 std::vector<Match> Matcher::match(const Query& query,
                                   std::optional<std::span<const uint32_t>> candidates) {
   if (query.isEmpty()) return {};
+  if (query.termCount() >= 2) {
+    Query unique = query.withoutRepeats();
+    if (unique.termCount() > maxTerms) {
+      throw std::length_error("the query has " + std::to_string(unique.termCount()) +
+                              " different terms; at most " + std::to_string(maxTerms) +
+                              " can be searched");
+    }
+    if (unique.termCount() != query.termCount() ||
+        unique.orGroups.size() != query.orGroups.size()) {
+      return match(unique, candidates);
+    }
+  }
   // The general evaluation as such: the reference every strategy below is held to.
   using Literals = detail::Evaluator::Literals;
   if (candidates) return evaluate(query, candidates, /*parallel=*/true, Literals::ignored);

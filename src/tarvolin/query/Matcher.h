@@ -43,6 +43,10 @@ class Matcher {
   static constexpr uint32_t largeIndexThreshold = 20000;
   /// Records per shard of a parallel scan.
   static constexpr uint32_t shardUnit = detail::shardUnit;
+  /// The most different terms a query may hold. Each term can cost a pass over every name, so
+  /// a query pasted by mistake (or made to stall a service) is refused rather than run for
+  /// minutes; no typed query comes near it.
+  static constexpr size_t maxTerms = 256;
 
   explicit Matcher(std::shared_ptr<const IndexStore> store);
   ~Matcher();
@@ -50,6 +54,8 @@ class Matcher {
   Matcher& operator=(const Matcher&) = delete;
 
   /// The matching records. With `candidates`, exactly those IDs are evaluated, in their order.
+  /// Repeated terms are evaluated once. Throws std::length_error when the query holds more
+  /// than maxTerms different terms.
   std::vector<Match> match(const Query& query,
                            std::optional<std::span<const uint32_t>> candidates = std::nullopt);
 

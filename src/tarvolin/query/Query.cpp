@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <unordered_set>
 
 #include "tarvolin/platform/Unicode.h"
 
@@ -220,6 +221,50 @@ Query::ContentSplit Query::splittingContentTerms() const {
     if (!kept.empty()) split.name.orGroups.push_back(std::move(kept));
   }
   return split;
+}
+
+size_t Query::termCount() const {
+  size_t count = andTerms.size();
+  for (const auto& group : orGroups) count += group.size();
+  return count;
+}
+
+namespace {
+
+// `terms` without byte-identical repeats, first occurrences in order; their descriptions
+// (which determine a term) joined by NUL go to `key` when asked for.
+std::vector<Term> uniqueTerms(const std::vector<Term>& terms, std::string* key) {
+  std::vector<Term> unique;
+  std::unordered_set<std::string> seen;
+  for (const Term& term : terms) {
+    std::string description = term.description();
+    if (!seen.insert(description).second) continue;
+    if (key != nullptr) {
+      *key += description;
+      key->push_back('\0');
+    }
+    unique.push_back(term);
+  }
+  return unique;
+}
+
+}  // namespace
+
+Query Query::withoutRepeats() const {
+  Query result;
+  result.raw = raw;
+  result.andTerms = uniqueTerms(andTerms, nullptr);
+  std::unordered_set<std::string> seenGroups;
+  for (const auto& group : orGroups) {
+    std::string key;
+    std::vector<Term> unique = uniqueTerms(group, &key);
+    if (seenGroups.insert(std::move(key)).second) result.orGroups.push_back(std::move(unique));
+  }
+  if (result.orGroups.size() == 1) {
+    result.andTerms = std::move(result.orGroups.front());
+    result.orGroups.clear();
+  }
+  return result;
 }
 
 bool operator==(const Query& a, const Query& b) {

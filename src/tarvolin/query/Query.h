@@ -191,6 +191,12 @@ struct Query {
   /// `contentNeedles`; groups left empty are dropped; `raw` is kept. A contains term inside a
   /// `not_` stays in the name part.
   ContentSplit splittingContentTerms() const;
+  /// The number of terms of `andTerms` and of every group (a `not_` counts as one).
+  size_t termCount() const;
+  /// The same query with each repeat evaluated once: every term list keeps the first of
+  /// byte-identical terms, `orGroups` the first of identical groups, and a single group left
+  /// becomes `andTerms`. It matches the same records with the same qualities and offsets.
+  Query withoutRepeats() const;
 
   friend bool operator==(const Query& a, const Query& b);
 };
