@@ -41,5 +41,6 @@ int runMeasure(const Context& context);
 int runVolumes(const Context& context);
 int runEstimate(const Context& context);
 int runWatch(const Context& context);
+int runDupes(const Context& context);
 
 }  // namespace tvl

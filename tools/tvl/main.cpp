@@ -66,6 +66,7 @@ constexpr CommandEntry kCommands[] = {
     {"volumes", tvl::runVolumes, false},
     {"estimate", tvl::runEstimate, false},
     {"watch", tvl::runWatch, false},
+    {"dupes", tvl::runDupes, false},
 };
 
 int run(int argc, char** argv) {
