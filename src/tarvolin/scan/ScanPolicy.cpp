@@ -18,6 +18,8 @@ constexpr std::array<std::string_view, 7> kStores = {
 constexpr std::array<std::string_view, 2> kStoreSuffixes = {".backupbundle", ".sparsebundle"};
 constexpr std::string_view kSnapshotSuffix = ".backup";
 constexpr std::string_view kNoIndexSuffix = ".noindex";
+// Where btrfs snapshot tools keep a file system's snapshots, at its top level.
+constexpr std::string_view kSnapshotFolder = ".snapshots";
 
 constexpr std::array<std::string_view, 9> kPrivateFolders = {
     "Desktop", "Documents", "Downloads",    "Library", "Movies",
@@ -218,6 +220,36 @@ ScanPolicy::PathSet ScanPolicy::otherUserPrivateFolders(std::string_view usersDi
     }
   }
   return set;
+}
+
+std::vector<std::string> ScanPolicy::mountExclusions(
+    std::string_view root, const std::vector<platform::MountEntry>& mountTable) {
+  while (!root.empty() && root.back() == '/') root.remove_suffix(1);
+  // Strictly below the root, which the scanner spells without a trailing "/" ("" for "/").
+  auto isBelowRoot = [root](std::string_view path) {
+    return path.size() > root.size() + 1 && path.starts_with(root) && path[root.size()] == '/';
+  };
+  std::vector<std::string> paths;
+  for (const platform::MountEntry& entry : mountTable) {
+    std::string_view mountPoint = entry.mountPoint;
+    bool isSnapshotMount =
+        entry.fsType == "btrfs" && mountPoint.ends_with("/" + std::string(kSnapshotFolder));
+    if (platform::fileSystemKind(entry.fsType) != platform::FileSystemKind::local ||
+        isSnapshotMount) {
+      if (isBelowRoot(mountPoint)) paths.emplace_back(mountPoint);
+    } else if (entry.fsType == "btrfs") {
+      std::string snapshots =
+          std::string(mountPoint == "/" ? "" : mountPoint) + "/" + std::string(kSnapshotFolder);
+      if (isBelowRoot(snapshots)) paths.push_back(std::move(snapshots));
+    }
+  }
+  std::sort(paths.begin(), paths.end());
+  paths.erase(std::unique(paths.begin(), paths.end()), paths.end());
+  return paths;
+}
+
+std::vector<std::string> ScanPolicy::mountExclusions(std::string_view root) {
+  return mountExclusions(root, platform::readMountTable());
 }
 
 bool ScanPolicy::isSystemPath(std::string_view path) {

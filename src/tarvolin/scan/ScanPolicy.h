@@ -20,6 +20,8 @@
 #include <unordered_set>
 #include <vector>
 
+#include "tarvolin/platform/MountTable.h"
+
 namespace tarvolin {
 
 struct ScanPolicy {
@@ -58,6 +60,15 @@ struct ScanPolicy {
   /// other than "Shared" and names starting with "."). Empty when the folder cannot be listed.
   static PathSet otherUserPrivateFolders(std::string_view usersDirectory, std::string_view home,
                                          const DirectoryContents& contents = listDirectory);
+
+  /// The mount points below `root` that a scan of `root` should not enter: network, FUSE and
+  /// kernel pseudo file systems, and btrfs snapshot folders (a mount named ".snapshots", and the
+  /// ".snapshots" folder at the top of every btrfs mount). A mount at or above `root` is never
+  /// among them: a scan started inside one walks it. Sorted, without duplicates; pure.
+  static std::vector<std::string> mountExclusions(
+      std::string_view root, const std::vector<platform::MountEntry>& mountTable);
+  /// The same for this machine's mount table, read once per call.
+  static std::vector<std::string> mountExclusions(std::string_view root);
 
   /// True for a member of systemFolders() or a path below one.
   static bool isSystemPath(std::string_view path);
