@@ -1,6 +1,8 @@
 // The content index: a search over the whole blob for a rare needle (one document holds it) and
-// for a common one (every document does, so each is left at its first hit), and the reading of
-// a content.bin of 20,000 documents, where the JSON table is the part that grows with the count.
+// for a common one (every document does, so each is left at its first hit), the same searches
+// of the index read back with its trigram side file, the making of that side file, and the
+// reading of a content.bin of 20,000 documents, where the JSON table is the part that grows with
+// the count.
 
 #include <benchmark/benchmark.h>
 
@@ -11,6 +13,7 @@
 
 #include "tarvolin/content/ContentIndex.h"
 #include "tarvolin/content/ContentIndexTable.h"
+#include "tarvolin/content/ContentTrigrams.h"
 
 namespace {
 
@@ -76,6 +79,52 @@ void BM_ContentIndex_Search(benchmark::State& state, const char* needle, size_t 
 BENCHMARK_CAPTURE(BM_ContentIndex_Search, rare, "zanzibarq", 1)->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(BM_ContentIndex_Search, common, "report", 20'000)->Unit(benchmark::kMillisecond);
 
+std::filesystem::path temporaryContentPath() {
+  return std::filesystem::temp_directory_path() /
+         ("tarvolin-bench-content-" + std::to_string(std::random_device()()) + ".bin");
+}
+
+void removeContentFile(const std::filesystem::path& path) {
+  std::filesystem::remove(path);
+  std::filesystem::remove(ContentIndex::trigramPath(path));
+}
+
+// The search index written and read back: searches go through the side file.
+void BM_ContentIndex_SearchFiltered(benchmark::State& state, const char* needle, size_t expected) {
+  const std::filesystem::path path = temporaryContentPath();
+  searchIndex().write(path);
+  const ContentIndex index = ContentIndex::read(path);
+  const auto limit = static_cast<int64_t>(index.documents().size());
+  if (!index.hasTrigrams() || index.search(needle, limit).size() != expected) {
+    state.SkipWithError("no side file, or unexpected hit count");
+    removeContentFile(path);
+    return;
+  }
+  for (auto _ : state) benchmark::DoNotOptimize(index.search(needle, limit));
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * index.textBytes());
+  state.counters["side_MB"] =
+      static_cast<double>(std::filesystem::file_size(ContentIndex::trigramPath(path))) / 1e6;
+  removeContentFile(path);
+}
+BENCHMARK_CAPTURE(BM_ContentIndex_SearchFiltered, rare, "zanzibarq", 1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(BM_ContentIndex_SearchFiltered, common, "report", 20'000)
+    ->Unit(benchmark::kMillisecond);
+
+// Making the side file of the 64 MB search index, in blob bytes per second.
+void BM_ContentTrigrams_Encode(benchmark::State& state) {
+  const ContentIndex& index = searchIndex();
+  const tarvolin::ContentTrigrams::Identity identity{1, 2, 20'000};
+  for (auto _ : state) {
+    std::vector<uint8_t> file =
+        tarvolin::ContentTrigrams::encode(index.documents(), index.blob(), identity);
+    if (file.empty()) state.SkipWithError("nothing encoded");
+    benchmark::DoNotOptimize(file);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * index.textBytes());
+}
+BENCHMARK(BM_ContentTrigrams_Encode)->Unit(benchmark::kMillisecond)->UseRealTime();
+
 // A content.bin of `count` documents with 1,000 bytes of text each.
 std::filesystem::path contentFile(size_t count) {
   std::mt19937 random(7);
@@ -83,9 +132,7 @@ std::filesystem::path contentFile(size_t count) {
   for (size_t i = 0; i < count; ++i) {
     index.upsert(pathOf(i), 1.7e9 + static_cast<double>(i) / 7.0, prose(random, 1'000));
   }
-  std::filesystem::path path =
-      std::filesystem::temp_directory_path() /
-      ("tarvolin-bench-content-" + std::to_string(std::random_device()()) + ".bin");
+  std::filesystem::path path = temporaryContentPath();
   index.write(path);
   return path;
 }
@@ -99,7 +146,7 @@ void BM_ContentIndex_Read(benchmark::State& state) {
   }
   for (auto _ : state) benchmark::DoNotOptimize(ContentIndex::read(path));
   state.counters["file_MB"] = static_cast<double>(std::filesystem::file_size(path)) / 1e6;
-  std::filesystem::remove(path);
+  removeContentFile(path);
 }
 BENCHMARK(BM_ContentIndex_Read)->Arg(20'000)->Unit(benchmark::kMillisecond);
 

@@ -77,6 +77,12 @@ quiet_hyperfine --warmup 1 --runs "$index_runs" --export-json "$work/index.json"
   -n "tvl content" "'$tvl' content '$dir'" \
   -n "recollindex" "recollindex -c '$conf' -z"
 "$tvl" content "$dir" | tail -2
+side="$HOME/Library/Application Support/Tarvolin/content.tri"
+if [ -f "$side" ]; then
+  echo "  trigram side file: $(stat -c %s "$side" | awk '{printf "%.1f MB", $1 / 1e6}')"
+else
+  echo "  no trigram side file: tvl find scans the whole index"
+fi
 "$tvl" scan "$dir" >/dev/null
 
 # 2. Searching the index, against a fresh read of every file by rg.

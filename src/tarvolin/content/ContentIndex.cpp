@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <new>
 #include <optional>
 #include <system_error>
 
 #include "tarvolin/content/ContentIndexError.h"
 #include "tarvolin/content/ContentIndexTable.h"
+#include "tarvolin/content/ContentTrigrams.h"
 #include "tarvolin/content/detail/ContentScan.h"
 #include "tarvolin/platform/AtomicFile.h"
 #include "tarvolin/platform/Concurrency.h"
@@ -96,11 +98,20 @@ std::vector<ContentIndex::Hit> ContentIndex::search(std::string_view query, int6
                                         needleText.size());
   const detail::ContentScanKernel kernel = detail::preferredContentKernel();
 
-  // The first hit in each of the documents [first, end), in table order, at most `limit`.
+  // The documents to scan, in table order: those the side file says may hold the needle, or
+  // every one. Position i of the selection is document ordinal(i).
+  std::optional<std::vector<uint32_t>> selected;
+  if (trigrams_ && trigrams_->documentCount() == documents_.size()) {
+    selected = trigrams_->candidates(needle);
+  }
+  const size_t count = selected ? selected->size() : documents_.size();
+  auto ordinal = [&](size_t i) -> size_t { return selected ? (*selected)[i] : i; };
+
+  // The first hit in each of the selected documents [first, end), in order, at most `limit`.
   auto searchDocuments = [&](size_t first, size_t end, std::vector<Hit>& out) {
-    for (size_t d = first; d < end; ++d) {
+    for (size_t i = first; i < end; ++i) {
       if (static_cast<int64_t>(out.size()) >= limit) break;
-      const Document& document = documents_[d];
+      const Document& document = documents_[ordinal(i)];
       std::optional<Range> range = clamped(document, blob.size());
       if (!range || range->end - range->start < needle.size()) continue;
       size_t match = detail::findFirst(blob, range->start, range->end, needle, kernel);
@@ -121,29 +132,41 @@ std::vector<ContentIndex::Hit> ContentIndex::search(std::string_view query, int6
     }
   };
 
-  size_t shards = blob.size() < kParallelSearchBytes ? 1 : platform::activeProcessorCount();
-  shards = std::min(shards, documents_.size());
+  // Only the selected documents' text counts towards the decision to split the work.
+  uint64_t total = 0;
+  if (selected) {
+    for (size_t i = 0; i < count; ++i) {
+      if (std::optional<Range> range = clamped(documents_[ordinal(i)], blob.size()))
+        total += range->end - range->start;
+    }
+  } else {
+    total = blob.size();
+  }
+  size_t shards = total < kParallelSearchBytes ? 1 : platform::activeProcessorCount();
+  shards = std::min(shards, count);
   if (shards <= 1) {
-    searchDocuments(0, documents_.size(), hits);
+    searchDocuments(0, count, hits);
     return hits;
   }
-  // Runs of consecutive documents holding about the same amount of text, one per processor.
-  // Each stops at `limit` hits of its own; joined in order and cut at `limit`, they give the
-  // hits a single pass would.
-  uint64_t total = 0;
-  for (const Document& document : documents_) {
-    if (std::optional<Range> range = clamped(document, blob.size()))
-      total += range->end - range->start;
+  // Runs of consecutive selected documents holding about the same amount of text, one per
+  // processor. Each stops at `limit` hits of its own; joined in order and cut at `limit`, they
+  // give the hits a single pass would.
+  if (!selected) {
+    total = 0;
+    for (const Document& document : documents_) {
+      if (std::optional<Range> range = clamped(document, blob.size()))
+        total += range->end - range->start;
+    }
   }
   std::vector<size_t> bounds = {0};
   uint64_t covered = 0;
-  for (size_t d = 0; d < documents_.size() && bounds.size() < shards; ++d) {
-    if (std::optional<Range> range = clamped(documents_[d], blob.size())) {
+  for (size_t i = 0; i < count && bounds.size() < shards; ++i) {
+    if (std::optional<Range> range = clamped(documents_[ordinal(i)], blob.size())) {
       covered += range->end - range->start;
     }
-    if (covered * shards >= total * bounds.size()) bounds.push_back(d + 1);
+    if (covered * shards >= total * bounds.size()) bounds.push_back(i + 1);
   }
-  bounds.push_back(documents_.size());
+  bounds.push_back(count);
   std::vector<std::vector<Hit>> found(bounds.size() - 1);
   platform::concurrentPerform(found.size(), [&](size_t shard) {
     searchDocuments(bounds[shard], bounds[shard + 1], found[shard]);
@@ -172,6 +195,7 @@ void ContentIndex::upsert(std::string path, double modified, std::string_view te
   const std::string lowered = platform::lowercase(text);
   remove(path);
   own();
+  forgetTrigrams();
   documents_.push_back(Document{std::move(path), modified, static_cast<int64_t>(owned_.size()),
                                 static_cast<int64_t>(lowered.size())});
   owned_.insert(owned_.end(), lowered.begin(), lowered.end());
@@ -181,6 +205,7 @@ bool ContentIndex::remove(std::string_view path) {
   auto found = std::find_if(documents_.begin(), documents_.end(),
                             [&](const Document& document) { return document.path == path; });
   if (found == documents_.end()) return false;
+  forgetTrigrams();
   deadBytes_ += found->length;
   documents_.erase(found);
   return true;
@@ -196,6 +221,7 @@ int64_t ContentIndex::remove(const std::unordered_set<std::string>& paths) {
     return true;
   });
   deadBytes_ += freed;
+  if (documents_.size() != before) forgetTrigrams();
   return static_cast<int64_t>(before - documents_.size());
 }
 
@@ -240,6 +266,7 @@ bool ContentIndex::compactIfNeeded(double threshold) {
   mapped_.reset();
   mappedBlob_ = {};
   deadBytes_ = 0;
+  forgetTrigrams();
   return true;
 }
 
@@ -256,24 +283,96 @@ void ContentIndex::write(const std::filesystem::path& path) const {
       std::span<const uint8_t>(prefix),
       std::span<const uint8_t>(reinterpret_cast<const uint8_t*>(table.data()), table.size()),
       blob()};
+  // The old side file goes first: should anything below fail, no summary of older contents
+  // stays beside the new file (its identity would not match anyway, unless the table did).
+  const std::filesystem::path sidePath = trigramPath(path);
+  std::error_code ignored;
+  std::filesystem::remove(sidePath, ignored);
   platform::AtomicFile file(path);
   file.write(std::span<const std::span<const uint8_t>>(parts));
   file.commit();
+
+  try {
+    std::vector<uint8_t> lengthAndTable(prefix.begin(), prefix.end());
+    lengthAndTable.insert(lengthAndTable.end(), table.begin(), table.end());
+    const ContentTrigrams::Identity identity = ContentTrigrams::identityOf(
+        4 + table.size() + blob().size(), lengthAndTable, static_cast<uint32_t>(documents_.size()));
+    std::vector<uint8_t> side = ContentTrigrams::encode(documents_, blob(), identity);
+    if (!side.empty()) platform::AtomicFile::replaceContents(sidePath, side);
+  } catch (const std::system_error&) {
+    // Without its side file the index is still whole: searches scan every document.
+  } catch (const std::bad_alloc&) {
+  }
 }
 
-ContentIndex ContentIndex::read(const std::filesystem::path& path) {
-  // Mapped, and faulted in at once: the search reads every byte. Anything but a regular file is
-  // refused, a named pipe without waiting for a writer.
-  auto mapping =
-      std::make_shared<const platform::MappedFile>(platform::MappedFile::open(path, true));
-  std::span<const uint8_t> file = mapping->bytes();
-  if (file.size() < 4) return ContentIndex();
+std::filesystem::path ContentIndex::trigramPath(const std::filesystem::path& path) {
+  std::filesystem::path side = path;
+  side.replace_extension(".tri");
+  if (side == path) side += ".tri";
+  return side;
+}
+
+namespace {
+
+// content.bin mapped and its table decoded; `tableEnd` is 4 + N, or 0 for the empty index.
+struct MappedContent {
+  std::shared_ptr<const platform::MappedFile> mapping;
+  std::vector<ContentIndex::Document> documents;
+  size_t tableEnd = 0;
+};
+
+// Maps `path`. When `earlier` mapped a file with the same length word and table bytes, its
+// documents are taken over instead of decoding the table again.
+MappedContent mapContent(const std::filesystem::path& path, bool populate,
+                         MappedContent* earlier = nullptr) {
+  MappedContent content;
+  content.mapping =
+      std::make_shared<const platform::MappedFile>(platform::MappedFile::open(path, populate));
+  std::span<const uint8_t> file = content.mapping->bytes();
+  if (file.size() < 4) return content;
   const uint32_t tableBytes = littleEndian32(file.data());
-  if (file.size() - 4 < tableBytes) return ContentIndex();
+  if (file.size() - 4 < tableBytes) return content;
+  content.tableEnd = 4 + size_t{tableBytes};
+  if (earlier && earlier->tableEnd == content.tableEnd &&
+      std::ranges::equal(earlier->mapping->bytes().first(content.tableEnd),
+                         file.first(content.tableEnd))) {
+    content.documents = std::move(earlier->documents);
+  } else {
+    content.documents = ContentIndexTable::decode(asText(file.subspan(4, tableBytes)));
+  }
+  return content;
+}
+
+}  // namespace
+
+ContentIndex ContentIndex::read(const std::filesystem::path& path) {
+  // Mapped without faulting anything in: with a side file that fits, a search reads only the
+  // table and its candidates' pages. Anything but a regular file is refused, a named pipe
+  // without waiting for a writer.
+  MappedContent content = mapContent(path, /*populate=*/false);
+  if (content.tableEnd == 0) return ContentIndex();
+  std::span<const uint8_t> file = content.mapping->bytes();
+  std::shared_ptr<const ContentTrigrams> trigrams;
+  if (content.documents.size() <= std::numeric_limits<uint32_t>::max()) {
+    const ContentTrigrams::Identity identity = ContentTrigrams::identityOf(
+        file.size(), file.first(content.tableEnd), static_cast<uint32_t>(content.documents.size()));
+    if (std::optional<ContentTrigrams> opened =
+            ContentTrigrams::open(trigramPath(path), identity)) {
+      trigrams = std::make_shared<const ContentTrigrams>(std::move(*opened));
+    }
+  }
+  if (!trigrams) {
+    // Every search reads every byte: mapped again, faulted in at once, which costs less than a
+    // fault per page. The file may have been replaced in between; then its table is decoded
+    // anew.
+    content = mapContent(path, /*populate=*/true, &content);
+    if (content.tableEnd == 0) return ContentIndex();
+  }
   ContentIndex index;
-  index.documents_ = ContentIndexTable::decode(asText(file.subspan(4, tableBytes)));
-  index.mappedBlob_ = file.subspan(4 + size_t{tableBytes});
-  index.mapped_ = std::move(mapping);
+  index.documents_ = std::move(content.documents);
+  index.mappedBlob_ = content.mapping->bytes().subspan(content.tableEnd);
+  index.mapped_ = std::move(content.mapping);
+  index.trigrams_ = std::move(trigrams);
   return index;
 }
 

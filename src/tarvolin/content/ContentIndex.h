@@ -29,6 +29,7 @@ namespace tarvolin {
 namespace platform {
 class MappedFile;
 }
+class ContentTrigrams;
 
 class ContentIndex {
  public:
@@ -108,13 +109,22 @@ class ContentIndex {
 
   /// Writes the index as "content.bin" to `path`, atomically: a failure leaves any previous file
   /// whole. Throws ContentIndexError (tableTooLarge, unencodableTime) or std::system_error.
+  /// Then writes its trigram side file to trigramPath(path), also atomically; the old side file
+  /// is removed first, and a side file that cannot be written is left out without an error
+  /// (searches then scan everything).
   void write(const std::filesystem::path& path) const;
   /// Reads an index written by `write`. A file shorter than 4 bytes, or shorter than the table
   /// its first word announces, is the empty index. Throws std::system_error when the file cannot
   /// be read, ContentIndexError::malformedTable when the table does not decode. The blob stays
   /// in the file's mapping (a search reads it in place, no copy) until the index is changed; the
   /// file is only ever replaced by renaming a new one over it, so the mapped bytes never change.
+  /// The side file is used when it belongs to this file; else it is ignored.
   static ContentIndex read(const std::filesystem::path& path);
+  /// Where the trigram side file of the content file `path` lives: the same name with the
+  /// extension ".tri" ("content.bin" -> "content.tri").
+  static std::filesystem::path trigramPath(const std::filesystem::path& path);
+  /// True when searches of this index go through a trigram side file.
+  bool hasTrigrams() const { return trigrams_ != nullptr; }
   /// The same over the bytes of such a file.
   static ContentIndex decode(std::span<const uint8_t> file);
 
@@ -126,12 +136,15 @@ class ContentIndex {
  private:
   /// Copies a mapped blob into owned memory before a change.
   void own();
+  /// Drops what no longer describes the table after a change: the side file's summary.
+  void forgetTrigrams() { trigrams_.reset(); }
 
   std::vector<Document> documents_;
   std::vector<uint8_t> owned_;                          // the blob, unless it is mapped
   std::shared_ptr<const platform::MappedFile> mapped_;  // shared by copies of a read index
   std::span<const uint8_t> mappedBlob_;                 // the blob's bytes inside mapped_
   int64_t deadBytes_ = 0;
+  std::shared_ptr<const ContentTrigrams> trigrams_;  // of the file read, while unchanged
 };
 
 }  // namespace tarvolin
