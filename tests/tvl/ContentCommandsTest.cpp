@@ -68,6 +68,12 @@ TEST_F(ContentCommandsTest, ContentListsTheFoldersAndReportsTheIndex) {
             "      2: the invoice 4711 is due\n"
             "\n"
             "1 documents contain invoice 4711 (Tms over 2 docs)\n");
+
+  // The trigram side file lies beside the index; without it the same lines come from a full scan.
+  const std::filesystem::path side = std::filesystem::path(contentPath()).replace_extension(".tri");
+  ASSERT_TRUE(std::filesystem::exists(side));
+  std::filesystem::remove(side);
+  EXPECT_EQ(masked(tvl({"find", "invoice", "4711"}).out), masked(found.out));
 }
 
 // PDF text comes from the worker beside the tool, Office text from the archives' XML parts; a
