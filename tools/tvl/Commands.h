@@ -42,5 +42,6 @@ int runVolumes(const Context& context);
 int runEstimate(const Context& context);
 int runWatch(const Context& context);
 int runDupes(const Context& context);
+int runCatalog(const Context& context);
 
 }  // namespace tvl

@@ -67,6 +67,7 @@ constexpr CommandEntry kCommands[] = {
     {"estimate", tvl::runEstimate, false},
     {"watch", tvl::runWatch, false},
     {"dupes", tvl::runDupes, false},
+    {"catalog", tvl::runCatalog, false},
 };
 
 int run(int argc, char** argv) {
