@@ -43,5 +43,7 @@ int runEstimate(const Context& context);
 int runWatch(const Context& context);
 int runDupes(const Context& context);
 int runCatalog(const Context& context);
+int runQuery(const Context& context);
+int runExplain(const Context& context);
 
 }  // namespace tvl

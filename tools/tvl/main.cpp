@@ -68,6 +68,8 @@ constexpr CommandEntry kCommands[] = {
     {"watch", tvl::runWatch, false},
     {"dupes", tvl::runDupes, false},
     {"catalog", tvl::runCatalog, false},
+    {"query", tvl::runQuery, false},
+    {"explain", tvl::runExplain, false},
 };
 
 int run(int argc, char** argv) {
