@@ -7,6 +7,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Progress.h"
 #include "tarvolin/content/ContentIndexBuilder.h"
 #include "tarvolin/platform/Clock.h"
 
@@ -23,9 +24,20 @@ int runContent(const Context& context) {
 
   uint64_t start = tarvolin::platform::monotonicNanoseconds();
   std::vector<std::filesystem::path> roots(folders.begin(), folders.end());
-  tarvolin::ContentIndex index = tarvolin::ContentIndexBuilder::build(
-      roots, nullptr, [] { return false; }, {}, tarvolin::ContentIndexBuilder::TextBudget::standard,
-      tarvolin::ContentIndexBuilder::defaultExtract);
+  tarvolin::ContentIndex index;
+  {
+    Progress progress("documents");
+    tarvolin::ContentIndexBuilder::ProgressReport report;
+    if (progress.enabled()) {
+      report = [&progress](const tarvolin::ContentIndexBuilder::Progress& reached) {
+        progress.update(reached.documentsExtracted);
+      };
+    }
+    index = tarvolin::ContentIndexBuilder::build(
+        roots, nullptr, [] { return false; }, report,
+        tarvolin::ContentIndexBuilder::TextBudget::standard,
+        tarvolin::ContentIndexBuilder::defaultExtract);
+  }
   double seconds = static_cast<double>(tarvolin::platform::monotonicNanoseconds() - start) / 1e9;
 
   std::error_code ignored;  // a folder that cannot be made shows in the write below
