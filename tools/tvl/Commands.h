@@ -41,6 +41,8 @@ int runMeasure(const Context& context);
 int runVolumes(const Context& context);
 int runEstimate(const Context& context);
 int runWatch(const Context& context);
+int runServe(const Context& context);
+int runStatus(const Context& context);
 int runDupes(const Context& context);
 int runCatalog(const Context& context);
 int runQuery(const Context& context);

@@ -1,5 +1,6 @@
 // tvl search <query>: the best 20 paths for a query, the attribute warning when the query needs
-// sizes or dates the index lacks, and a summary line with the count and the time taken.
+// sizes or dates the index lacks, and a summary line with the count and the time taken. A running
+// service for the same index answers when there is one; the output is the same either way.
 
 #include <cinttypes>
 #include <optional>
@@ -16,6 +17,7 @@
 #include "tarvolin/query/Matcher.h"
 #include "tarvolin/query/QueryParser.h"
 #include "tarvolin/query/Ranker.h"
+#include "tarvolin/service/ServiceClient.h"
 
 namespace tvl {
 
@@ -25,9 +27,8 @@ constexpr int64_t kShownResults = 20;
 // A contains: search reads the files of the best this many name matches.
 constexpr int64_t kContentCandidates = 5000;
 
-void printAttributeWarning(const tarvolin::Query& query, const tarvolin::IndexStore& store) {
-  if (!query.requiresAttributes()) return;
-  switch (store.header().attrsCompleteness) {
+void printCompletenessWarning(tarvolin::AttrsCompleteness completeness) {
+  switch (completeness) {
     case tarvolin::AttrsCompleteness::complete:
       return;
     case tarvolin::AttrsCompleteness::none:
@@ -44,6 +45,36 @@ void printAttributeWarning(const tarvolin::Query& query, const tarvolin::IndexSt
       output::line("  results below are real but may be missing some matches.");
       return;
   }
+}
+
+void printAttributeWarning(const tarvolin::Query& query, const tarvolin::IndexStore& store) {
+  if (query.requiresAttributes()) printCompletenessWarning(store.header().attrsCompleteness);
+}
+
+// A running service for this index answers from memory, without loading and verifying the file.
+// Nothing when no service runs, it refuses (a contains: search reads files here) or fails: the
+// caller then searches the index itself.
+std::optional<int> searchThroughService(const Context& context, const std::string& text) {
+  namespace protocol = tarvolin::ServiceProtocol;
+  auto client = tarvolin::ServiceClient::connect(protocol::socketPathFor(context.indexPath));
+  if (!client) return std::nullopt;
+  auto answer = client->ask(protocol::SearchRequest{text, false, kShownResults});
+  const auto* found = answer ? std::get_if<protocol::SearchAnswer>(&*answer) : nullptr;
+  if (found == nullptr || found->indexPath != context.indexPath.string()) return std::nullopt;
+  for (const std::string& path : found->paths) output::line("  " + path);
+  switch (found->warning) {
+    case protocol::AttributeWarning::none:
+      break;
+    case protocol::AttributeWarning::noAttributes:
+      printCompletenessWarning(tarvolin::AttrsCompleteness::none);
+      break;
+    case protocol::AttributeWarning::partialAttributes:
+      printCompletenessWarning(tarvolin::AttrsCompleteness::partial);
+      break;
+  }
+  output::format("\n%" PRId64 " matches in %.2fms (showing %" PRId64 ")\n", found->total,
+                 found->elapsedMs, static_cast<int64_t>(found->paths.size()));
+  return 0;
 }
 
 struct ContentResults {
@@ -108,6 +139,7 @@ ContentResults searchContents(const tarvolin::Query::ContentSplit& split,
 
 int runSearch(const Context& context) {
   std::string text = context.text();
+  if (std::optional<int> status = searchThroughService(context, text)) return *status;
   std::shared_ptr<const tarvolin::IndexStore> store = openIndexOrExit(context);
   tarvolin::Query query = tarvolin::QueryParser::parse(text);
   uint64_t start = tarvolin::platform::monotonicNanoseconds();

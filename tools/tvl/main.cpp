@@ -66,6 +66,8 @@ constexpr CommandEntry kCommands[] = {
     {"volumes", tvl::runVolumes, false},
     {"estimate", tvl::runEstimate, false},
     {"watch", tvl::runWatch, false},
+    {"serve", tvl::runServe, false},
+    {"status", tvl::runStatus, false},
     {"dupes", tvl::runDupes, false},
     {"catalog", tvl::runCatalog, false},
     {"query", tvl::runQuery, false},

@@ -1,0 +1,84 @@
+#!/usr/bin/env bash
+# Times `tvl search` answered by a running `tvl serve` against plocate on the same tree, whole
+# process, warm cache; then one keystroke of a typing session on an open connection, and the
+# service's memory against the size of its index file.
+#
+#   bench/compare-service.sh [TREE]
+#
+# TREE defaults to the large tree of scripts/make-large-tree. The tree is scanned into a private
+# HOME, `tvl serve` is started on it, and plocate's updatedb indexes it into a private database.
+# hyperfine runs `tvl search Q` (through the service), the same without the service is not
+# repeated here (see compare-search.sh), and `plocate -d DB -i -l 20 Q`. The keystroke figures
+# come from a small client that types every query of `tvl bench` one character at a time on one
+# connection and times each request. Needs hyperfine, plocate and python3 (scripts/install-deps).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+tree=${1:-/tmp/tarvolin-large-tree}
+[ -d "$tree" ] || scripts/make-large-tree "$tree"
+tvl=${TVL:-$PWD/build/release/tvl}
+[ -x "$tvl" ] || { echo "build the release preset first" >&2; exit 1; }
+
+work=$(mktemp -d /tmp/tarvolin-service-XXXXXX)
+export HOME=$work/home
+mkdir -p "$HOME"
+serve_pid=
+cleanup() {
+  [ -n "$serve_pid" ] && kill "$serve_pid" 2>/dev/null && wait "$serve_pid" 2>/dev/null
+  rm -rf "$work"
+}
+trap cleanup EXIT
+"$tvl" scan "$tree" >/dev/null
+updatedb -l 0 -U "$tree" -o "$work/plocate.db" --require-visibility no
+"$tvl" serve >"$work/serve.log" 2>&1 &
+serve_pid=$!
+for _ in $(seq 200); do "$tvl" status >/dev/null 2>&1 && break; sleep 0.05; done
+"$tvl" status >/dev/null || { cat "$work/serve.log" >&2; exit 1; }
+
+pairs=("libxml2|libxml2" "python|python" "ext:py|.py" "python3 config|python3 config")
+median() { python3 -c "import json,sys; print(json.load(open(sys.argv[1]))['results'][int(sys.argv[2])]['median']*1000)" "$1" "$2"; }
+ratio() { python3 -c "print(f'{$1/$2:.2f}')"; }
+busy() { python3 -c "import json,sys; r=json.load(open(sys.argv[1]))['results'][int(sys.argv[2])]; print(f\"{(r['user']+r['system'])/r['mean']:.2f}\")" "$1" "$2"; }
+
+echo "tvl search through the service vs plocate -i -l 20 (median of 30 runs, warm)"
+printf '%-20s %10s %9s %12s %9s %8s\n' query tvl_ms cpu/wall plocate-i_ms cpu/wall ratio
+for pair in "${pairs[@]}"; do
+  t=${pair%%|*}; p=${pair#*|}
+  hyperfine -N --warmup 3 --runs 30 --export-json "$work/r.json" \
+    "$tvl search $t" "plocate -d $work/plocate.db -i -l 20 $p" >/dev/null 2>&1
+  a=$(median "$work/r.json" 0); b=$(median "$work/r.json" 1)
+  printf '%-20s %10.2f %9s %12.2f %9s %8s\n' "$t" "$a" "$(busy "$work/r.json" 0)" "$b" \
+    "$(busy "$work/r.json" 1)" "$(ratio "$a" "$b")"
+done
+
+echo
+echo "one keystroke on an open connection (every prefix of each tvl bench query, 5 rounds)"
+python3 - "$HOME/Library/Application Support/Tarvolin/tvl.sock" <<'PY'
+import json, socket, struct, sys, time
+queries = ["a", "report", "playground", "ext:swift", "size:>10mb", "ext:swift size:>10mb",
+           "ext:txt | ext:bin", "ext:txt,bin", "!ext:swift", "/^IMG_\\d+/"]
+s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+s.connect(sys.argv[1])
+def ask(text):
+    body = json.dumps({"v": 1, "op": "search", "text": text, "keystroke": True, "limit": 20}).encode()
+    s.sendall(struct.pack("<I", len(body)) + body)
+    head = b""
+    while len(head) < 4: head += s.recv(4 - len(head))
+    n = struct.unpack("<I", head)[0]
+    got = 0
+    while got < n: got += len(s.recv(n - got))
+print(f"{'query':22} {'p50_ms':>8} {'max_ms':>8}  (per keystroke)")
+for q in queries:
+    times = []
+    for _ in range(5):
+        for i in range(1, len(q) + 1):
+            t0 = time.perf_counter(); ask(q[:i]); times.append((time.perf_counter() - t0) * 1000)
+    times.sort()
+    print(f"{q:22} {times[len(times)//2]:8.2f} {times[-1]:8.2f}")
+PY
+
+echo
+"$tvl" status --json | python3 -c "
+import json, sys
+s = json.load(sys.stdin)
+print(f\"memory: {s['residentBytes']/1e6:.1f} MB resident, index file {s['indexFileBytes']/1e6:.1f} MB, \"
+      f\"ratio {s['residentBytes']/s['indexFileBytes']:.2f}x ({s['entries']} entries)\")"

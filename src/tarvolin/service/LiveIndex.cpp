@@ -1,0 +1,60 @@
+#include "tarvolin/service/LiveIndex.h"
+
+#include <chrono>
+
+#include "tarvolin/platform/ProcessControl.h"
+
+namespace tarvolin {
+
+namespace {
+
+int64_t secondsNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+}  // namespace
+
+LiveIndex::LiveIndex(std::filesystem::path indexPath, std::shared_ptr<const IndexStore> store)
+    : store_(std::move(store)),
+      lastChangeAt_(secondsNow()),
+      indexPath_(std::move(indexPath)),
+      startedAt_(lastChangeAt_) {}
+
+std::shared_ptr<const IndexStore> LiveIndex::current() const {
+  std::lock_guard guard(lock_);
+  return store_;
+}
+
+void LiveIndex::publish(std::shared_ptr<const IndexStore> store) {
+  std::lock_guard guard(lock_);
+  store_ = std::move(store);
+  lastChangeAt_ = secondsNow();
+}
+
+std::vector<std::string> LiveIndex::rootsOf(const IndexStore& store) {
+  std::vector<std::string> roots;
+  for (const VolumeEntry& volume : store.header().volumes) roots.push_back(volume.mountPath);
+  return roots;
+}
+
+ServiceProtocol::StatusAnswer LiveIndex::status() const {
+  ServiceProtocol::StatusAnswer status;
+  std::shared_ptr<const IndexStore> store = current();
+  status.indexPath = indexPath_.string();
+  status.processID = platform::processID();
+  status.entries = store->count();
+  status.indexFileBytes = store->mappedLength();
+  status.residentBytes = platform::residentBytes();
+  status.startedAt = startedAt_;
+  {
+    std::lock_guard guard(lock_);
+    status.lastChangeAt = lastChangeAt_;
+  }
+  status.watchMode = "none";
+  status.roots = rootsOf(*store);
+  return status;
+}
+
+}  // namespace tarvolin
