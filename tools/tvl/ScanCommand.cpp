@@ -37,8 +37,9 @@ int runScan(const Context& context) {
   output::flush();  // show the line while the scan runs
 
   tarvolin::DirectoryScanner scanner(
-      tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()}, kSeedDepth,
-      kProgressInterval, context.home);
+      tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()}.adding(
+          tarvolin::ScanPolicy::mountExclusions(root)),
+      kSeedDepth, kProgressInterval, context.home);
   tarvolin::ScanResult result = scanner.scan(root, 0);
 
   double seconds = std::max(result.duration, kShortestDuration);
