@@ -18,7 +18,7 @@ ResultWriter::~ResultWriter() { finish(); }
 
 void ResultWriter::endRecord() {
   batch_.push_back(separator_);
-  if (batch_.size() >= batchBytes) write();
+  if (batch_.size() >= batchBytes) write(batchBytes);
 }
 
 void ResultWriter::record(std::string_view bytes) {
@@ -27,20 +27,20 @@ void ResultWriter::record(std::string_view bytes) {
 }
 
 void ResultWriter::finish() {
-  write();
+  write(batch_.size());
   if (!closed_ && std::fflush(stdout) != 0) closed_ = true;
 }
 
-void ResultWriter::write() {
-  if (!closed_ && !batch_.empty()) {
-    // Standard output's own buffer is empty here (flushed above and after every batch), so a
-    // whole batch goes to the kernel in one write.
-    if (std::fwrite(batch_.data(), 1, batch_.size(), stdout) != batch_.size() ||
-        std::fflush(stdout) != 0) {
+void ResultWriter::write(size_t bytes) {
+  if (!closed_ && bytes > 0) {
+    // Standard output's own buffer is empty here (flushed before the first batch and after
+    // every one), so the batch goes to the kernel in one write of exactly `bytes`.
+    if (std::fwrite(batch_.data(), 1, bytes, stdout) != bytes || std::fflush(stdout) != 0) {
       closed_ = true;
     }
   }
-  batch_.clear();
+  // The start of the record that crossed the batch's end begins the next batch.
+  batch_.erase(0, closed_ ? batch_.size() : bytes);
 }
 
 }  // namespace tvl

@@ -1,9 +1,9 @@
 #pragma once
-// Streams many results to standard output for scripts: records are gathered in one 64 KiB batch
-// and handed to standard output whole, so a long listing costs one write(2) per 64 KiB rather
-// than one per result. When the reader goes away (`tvl query ... | head -1`) the first failed
-// write ends the stream quietly: SIGPIPE is ignored from the first writer on (to the end of the
-// process, whose final flush would otherwise meet the closed pipe too), the failure is
+// Streams many results to standard output for scripts: records are gathered in a batch that is
+// handed to standard output 64 KiB at a time, so a long listing costs one write(2) per 64 KiB
+// rather than one per result. When the reader goes away (`tvl query ... | head -1`) the first
+// failed write ends the stream quietly: SIGPIPE is ignored from the first writer on (to the end of
+// the process, whose final flush would otherwise meet the closed pipe too), the failure is
 // remembered, and later records are dropped. Main thread only.
 
 #include <string>
@@ -34,7 +34,8 @@ class ResultWriter {
   bool closed() const { return closed_; }
 
  private:
-  void write();
+  /// Writes the first `bytes` of the batch and keeps the rest for the next.
+  void write(size_t bytes);
 
   const char separator_;
   std::string batch_;
