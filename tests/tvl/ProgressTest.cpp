@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <sstream>
 
 #include "support/RunTool.h"
 #include "support/TempTree.h"
@@ -37,27 +38,40 @@ TEST(ProgressTest, DrawnOnATerminalOnlyAndOutputUnchanged) {
   TempTree tree;
   for (int i = 0; i < 40; ++i) tree.add("docs/note" + std::to_string(i) + ".txt", "some words\n");
   struct Case {
-    std::string command;
+    std::vector<std::string> args;  // the folder is appended
     std::string unit;
+    size_t comparedLines;  // lines of standard output compared (a new catalog's id differs)
   };
-  const Case cases[] = {{"content", " documents, "}};
+  const Case cases[] = {
+      {{"content"}, " documents, ", 99},
+      {{"scan"}, " entries, ", 99},
+      {{"catalog", "add"}, " entries, ", 1},
+  };
   for (const Case& c : cases) {
     TempTree home;
-    std::vector<std::string> args{c.command, (tree / "docs").string()};
+    std::vector<std::string> args = c.args;
+    args.push_back((tree / "docs").string());
+    std::string shown = ::testing::PrintToString(args);
     testing::TerminalResult onTerminal =
         testing::runWithTerminalStderr(TVL_PATH, args, home.root().string());
     testing::ToolResult onPipe = testing::runTool(args, home.root().string());
-    EXPECT_EQ(onTerminal.status, 0) << c.command;
-    EXPECT_EQ(onPipe.status, 0) << c.command;
+    EXPECT_EQ(onTerminal.status, 0) << shown;
+    EXPECT_EQ(onPipe.status, 0) << shown;
 
     // "\r  N entries, N/s, Ns" erased to the end of the line, and the line erased at the end.
     EXPECT_NE(numbersMasked(onTerminal.terminal).find("\r  N" + c.unit + "N/s, Ns\033[K"),
               std::string::npos)
-        << c.command << ": " << ::testing::PrintToString(onTerminal.terminal);
-    EXPECT_TRUE(onTerminal.terminal.ends_with("\r\033[K")) << c.command;
-    EXPECT_EQ(onPipe.err, "") << c.command;
-    EXPECT_EQ(numbersMasked(onTerminal.out), numbersMasked(onPipe.out)) << c.command;
-    EXPECT_EQ(onTerminal.out.find('\r'), std::string::npos) << c.command;
+        << shown << ": " << ::testing::PrintToString(onTerminal.terminal);
+    EXPECT_TRUE(onTerminal.terminal.ends_with("\r\033[K")) << shown;
+    EXPECT_EQ(onPipe.err, "") << shown;
+    auto firstLines = [&c](const std::string& text) {
+      std::istringstream in(text);
+      std::string kept, line;
+      for (size_t i = 0; i < c.comparedLines && std::getline(in, line); ++i) kept += line + "\n";
+      return numbersMasked(kept);
+    };
+    EXPECT_EQ(firstLines(onTerminal.out), firstLines(onPipe.out)) << shown;
+    EXPECT_EQ(onTerminal.out.find('\r'), std::string::npos) << shown;
   }
 }
 

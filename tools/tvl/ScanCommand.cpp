@@ -7,6 +7,7 @@
 
 #include "Commands.h"
 #include "Output.h"
+#include "Progress.h"
 #include "tarvolin/index/IndexWriter.h"
 #include "tarvolin/platform/FolderLock.h"
 #include "tarvolin/scan/DirectoryScanner.h"
@@ -40,7 +41,9 @@ int runScan(const Context& context) {
       tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()}.adding(
           tarvolin::ScanPolicy::mountExclusions(root)),
       kSeedDepth, kProgressInterval, context.home);
-  tarvolin::ScanResult result = scanner.scan(root, 0);
+  Progress progress("entries");
+  tarvolin::ScanResult result = scanner.scan(root, 0, progress.callback(), [] { return true; });
+  progress.finish();
 
   double seconds = std::max(result.duration, kShortestDuration);
   auto rate = static_cast<long long>(static_cast<double>(result.entriesScanned) / seconds);
