@@ -18,8 +18,9 @@ constexpr std::array<std::string_view, 7> kStores = {
 constexpr std::array<std::string_view, 2> kStoreSuffixes = {".backupbundle", ".sparsebundle"};
 constexpr std::string_view kSnapshotSuffix = ".backup";
 constexpr std::string_view kNoIndexSuffix = ".noindex";
-// Where btrfs snapshot tools keep a file system's snapshots, at its top level.
-constexpr std::string_view kSnapshotFolder = ".snapshots";
+// Where btrfs snapshot tools keep a file system's snapshots, at its top level, as the last
+// component of a path.
+constexpr std::string_view kBtrfsSnapshots = "/.snapshots";
 
 constexpr std::array<std::string_view, 9> kPrivateFolders = {
     "Desktop", "Documents", "Downloads",    "Library", "Movies",
@@ -232,14 +233,14 @@ std::vector<std::string> ScanPolicy::mountExclusions(
   std::vector<std::string> paths;
   for (const platform::MountEntry& entry : mountTable) {
     std::string_view mountPoint = entry.mountPoint;
-    bool isSnapshotMount =
-        entry.fsType == "btrfs" && mountPoint.ends_with("/" + std::string(kSnapshotFolder));
+    bool isSnapshotMount = entry.fsType == "btrfs" && mountPoint.ends_with(kBtrfsSnapshots);
     if (platform::fileSystemKind(entry.fsType) != platform::FileSystemKind::local ||
         isSnapshotMount) {
       if (isBelowRoot(mountPoint)) paths.emplace_back(mountPoint);
     } else if (entry.fsType == "btrfs") {
-      std::string snapshots =
-          std::string(mountPoint == "/" ? "" : mountPoint) + "/" + std::string(kSnapshotFolder);
+      // Appended piece by piece: GCC 12 at -O3 takes a chain of operator+ for an overlapping copy.
+      std::string snapshots(mountPoint == "/" ? "" : mountPoint);
+      snapshots.append(kBtrfsSnapshots);
       if (isBelowRoot(snapshots)) paths.push_back(std::move(snapshots));
     }
   }
