@@ -93,3 +93,10 @@ set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 include(CPack)
+
+# Ctrl-T key bindings that insert a path picked with `tvl pick`; users source the one for their
+# shell from their shell's start-up file (see docs/cli.md).
+install(FILES ${PROJECT_SOURCE_DIR}/completions/key-bindings.bash
+              ${PROJECT_SOURCE_DIR}/completions/key-bindings.zsh
+              ${PROJECT_SOURCE_DIR}/completions/key-bindings.fish
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/tarvolin)

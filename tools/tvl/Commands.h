@@ -47,5 +47,6 @@ int runDupes(const Context& context);
 int runCatalog(const Context& context);
 int runQuery(const Context& context);
 int runExplain(const Context& context);
+int runPick(const Context& context);
 
 }  // namespace tvl

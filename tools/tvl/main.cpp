@@ -72,6 +72,7 @@ constexpr CommandEntry kCommands[] = {
     {"catalog", tvl::runCatalog, false},
     {"query", tvl::runQuery, false},
     {"explain", tvl::runExplain, false},
+    {"pick", tvl::runPick, false},
 };
 
 int run(int argc, char** argv) {
