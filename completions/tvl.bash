@@ -38,7 +38,7 @@ _tvl() {
       case "$command" in
         volumes) options="$options --no-probe" ;;
         watch) options="$options --latency" ;;
-        dupes) options="$options --limit" ;;
+        dupes) options="$options -n --limit" ;;
       esac
       if [[ "$cur" == -* ]]; then
         COMPREPLY=($(compgen -W "$options" -- "$cur"))
@@ -49,7 +49,7 @@ _tvl() {
       ;;
     search|find|query|pick)
       case "$command" in
-        query) options="$options -0 --limit --catalogs --content --count" ;;
+        query) options="$options -0 --null -n --limit --catalogs --content -c --count" ;;
         pick) options="$options -0" ;;
         search|find) options="" ;;
       esac

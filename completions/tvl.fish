@@ -40,11 +40,11 @@ complete -c tvl -n "__fish_seen_subcommand_from scan content serve watch" -F
 complete -c tvl -n "__fish_seen_subcommand_from dupes explain" -F
 complete -c tvl -n "__fish_seen_subcommand_from volumes" -l no-probe -d 'Do not look inside volume roots'
 complete -c tvl -n "__fish_seen_subcommand_from watch" -l latency -x -d 'Seconds to gather events'
-complete -c tvl -n "__fish_seen_subcommand_from dupes query" -l limit -x -d 'Most results'
-complete -c tvl -n "__fish_seen_subcommand_from query pick" -s 0 -d 'Separate paths with NUL'
+complete -c tvl -n "__fish_seen_subcommand_from dupes query" -s n -l limit -x -d 'Most results'
+complete -c tvl -n "__fish_seen_subcommand_from query pick" -s 0 -l null -d 'Separate paths with NUL'
 complete -c tvl -n "__fish_seen_subcommand_from query" -l catalogs -d 'Also search the offline catalogs'
 complete -c tvl -n "__fish_seen_subcommand_from query" -l content -d 'Also search document contents'
-complete -c tvl -n "__fish_seen_subcommand_from query" -l count -d 'Print only the number of matches'
+complete -c tvl -n "__fish_seen_subcommand_from query" -s c -l count -d 'Print only the number of matches'
 
 # The query language.
 for operator in ext: path: size: 'size:>' 'size:<' dm: dm:today 'dm:<7d' contains: in: folder: file: app:

@@ -55,7 +55,7 @@ if command -v zsh >/dev/null; then
         local a
         for a in "$@"; do
           if [[ $a == -s ]]; then continue
-          elif [[ $a == -* ]]; then print -r -- ${${a%%\[*}#\(*\)}
+          elif [[ $a == -* || $a == \(* ]]; then print -r -- ${${a%%\[*}#\(*\)}
           elif [[ ${a##*:} == _tvl* ]]; then ${a##*:}
           fi
         done
