@@ -4,7 +4,8 @@
 // not exist, lies outside the scanned root, lies below a folder the scan policy excludes (which
 // rule: a default exclusion, a pruned mount and its file-system type, a ".noindex" folder, a
 // backup or system store), below a folder the scan could not read, or appeared after the index
-// was written. Always with the index's time and root. Exit status 0 when the path is in the index,
+// was written (and whether a service is watching, which adds it). Always with the index's
+// time and root. Exit status 0 when the path is in the index,
 // 1 when it is not.
 
 #include <algorithm>
@@ -26,6 +27,8 @@
 #include "tarvolin/platform/MountTable.h"
 #include "tarvolin/query/Ranker.h"
 #include "tarvolin/scan/ScanPolicy.h"
+#include "tarvolin/service/ServiceClient.h"
+#include "tarvolin/service/ServiceProtocol.h"
 
 namespace tvl {
 
@@ -165,7 +168,14 @@ std::optional<Reason> excludingFolder(const std::string& root, const std::string
   }
 }
 
-Reason whyMissing(const tarvolin::IndexStore& store, const std::string& path, int64_t indexTime) {
+// A service answering on the index's socket keeps the index up to date as files change.
+bool serviceIsWatching(const Context& context) {
+  namespace protocol = tarvolin::ServiceProtocol;
+  return tarvolin::ServiceClient::connect(protocol::socketPathFor(context.indexPath)).has_value();
+}
+
+Reason whyMissing(const Context& context, const tarvolin::IndexStore& store,
+                  const std::string& path, int64_t indexTime) {
   std::error_code error;
   fs::file_status status = fs::symlink_status(path, error);
   if (!fs::exists(status)) return {"missing", "", "", "does not exist"};
@@ -189,7 +199,10 @@ Reason whyMissing(const tarvolin::IndexStore& store, const std::string& path, in
   std::optional<int64_t> parentChanged = modifiedSeconds(parent);
   if ((changed && *changed > indexTime) || (parentChanged && *parentChanged > indexTime)) {
     return {"newerThanIndex", parent, "",
-            "created or changed after the index was written: run `tvl scan` again"};
+            "created or changed after the index was written; " +
+                std::string(serviceIsWatching(context)
+                                ? "a service is watching and adds it shortly"
+                                : "no service is watching: run `tvl scan` again")};
   }
   return {"unknown", "", "",
           "no scan rule explains it: the scan that wrote the index may have been stopped early"};
@@ -290,7 +303,7 @@ int runExplain(const Context& context) {
     }
     result["record"] = recordJson;
   } else {
-    Reason reason = whyMissing(*store, path, indexTime);
+    Reason reason = whyMissing(context, *store, path, indexTime);
     json reasonJson{{"kind", reason.kind}, {"text", reason.text}};
     if (!reason.folder.empty()) reasonJson["folder"] = reason.folder;
     if (!reason.fsType.empty()) reasonJson["fsType"] = reason.fsType;
