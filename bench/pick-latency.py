@@ -45,13 +45,16 @@ class Pane:
         fcntl.ioctl(self.fd, termios.TIOCSWINSZ, struct.pack("HHHH", rows, cols, 0, 0))
         self.started = time.perf_counter()
 
-    def settle(self, quiet_ms, limit_s=30.0):
-        """Reads until the terminal is quiet; returns (time of the last byte, bytes read)."""
+    def settle(self, quiet_ms, limit_s=30.0, until=None):
+        """Reads until the terminal is quiet (and, with `until`, has shown those bytes); returns
+        (time of the last byte, bytes read)."""
         last = None
         total = 0
+        seen = b""
         deadline = time.perf_counter() + limit_s
         while time.perf_counter() < deadline:
-            wait = quiet_ms / 1000.0 if last is not None else limit_s
+            waiting = last is None or (until is not None and until not in seen)
+            wait = limit_s if waiting else quiet_ms / 1000.0
             ready, _, _ = select.select([self.fd], [], [], wait)
             if not ready:
                 break
@@ -63,6 +66,8 @@ class Pane:
                 break
             last = time.perf_counter()
             total += len(chunk)
+            if until is not None and until not in seen:
+                seen = (seen + chunk)[-4096:]
         return last, total
 
     def key(self, data, quiet_ms):
@@ -97,7 +102,7 @@ def percentile(values, p):
 
 def typing_run(args, label):
     pane = Pane(args.tvl, args.home, [], args.rows, args.cols)
-    opened, _ = pane.settle(args.quiet_ms)
+    opened, _ = pane.settle(args.quiet_ms, until=b"match")
     open_ms = (opened - pane.started) * 1000.0
     latencies = []
     per_query = []
@@ -124,7 +129,7 @@ def first_results(args):
         runs = []
         for _ in range(args.repeat):
             pane = Pane(args.tvl, args.home, [query], args.rows, args.cols)
-            shown, _ = pane.settle(args.quiet_ms)
+            shown, _ = pane.settle(args.quiet_ms, until=b"match")
             runs.append((shown - pane.started) * 1000.0)
             pane.close()
         tvl_ms = statistics.median(runs)
