@@ -322,7 +322,15 @@ void parseCSV(std::string_view bytes, const RowHandler& onRow) {
   int64_t quoteLine = 0;
   bool inQuotes = false;
 
+  // Appends to the current field, keeping at most maxFieldBytes of it.
+  auto append = [&](const char* data, size_t length) {
+    raw.append(data, std::min(length, maxFieldBytes - raw.size()));
+  };
   auto endField = [&] {
+    if (count == maxRowFields) {
+      raw.clear();
+      return;
+    }
     if (count == fields.size()) fields.emplace_back();
     std::string& field = fields[count++];
     field.clear();
@@ -340,7 +348,7 @@ void parseCSV(std::string_view bytes, const RowHandler& onRow) {
     size_t run = at;
     if (!inQuotes) {
       while (at < end && !kSpecial[static_cast<uint8_t>(bytes[at])]) ++at;
-      raw.append(bytes.data() + run, at - run);
+      append(bytes.data() + run, at - run);
       if (at == end) break;
       switch (bytes[at++]) {
         case '\n':
@@ -349,7 +357,7 @@ void parseCSV(std::string_view bytes, const RowHandler& onRow) {
           rowLine = ++line;
           break;
         case '\r':
-          if (at == end || bytes[at] != '\n') raw.push_back('\r');
+          if (at == end || bytes[at] != '\n') append("\r", 1);
           break;
         case '"':
           inQuotes = true;
@@ -361,13 +369,13 @@ void parseCSV(std::string_view bytes, const RowHandler& onRow) {
       }
     } else {
       while (at < end && bytes[at] != '"' && bytes[at] != '\n') ++at;
-      raw.append(bytes.data() + run, at - run);
+      append(bytes.data() + run, at - run);
       if (at == end) break;
       if (bytes[at++] == '\n') {
-        raw.push_back('\n');
+        append("\n", 1);
         ++line;
       } else if (at < end && bytes[at] == '"') {
-        raw.push_back('"');
+        append("\"", 1);
         ++at;
       } else {
         inQuotes = false;

@@ -59,6 +59,11 @@ struct Result {
   CatalogStats stats;
 };
 
+/// The most bytes kept of one field (1 MiB): far beyond any path, name, number or date.
+inline constexpr size_t maxFieldBytes = size_t{1} << 20;
+/// The most fields kept of one row: a list has a handful of columns.
+inline constexpr size_t maxRowFields = 256;
+
 /// Called once per row that is not blank, with the line the row starts on (from 1) and its fields
 /// decoded as UTF-8. The fields are only valid during the call.
 using RowHandler = std::function<void(int64_t line, std::span<const std::string> fields)>;
@@ -72,6 +77,8 @@ Result build(std::span<const uint8_t> data);
 /// The CSV reader: one pass over `bytes` (a leading byte-order mark skipped), fields split on ","
 /// and rows on "\n" (a "\r" before it dropped), double quotes opening a section anywhere in a
 /// field in which "," and line breaks are data and "" is one quote. Blank lines are skipped.
+/// A field keeps its first maxFieldBytes bytes and a row its first maxRowFields fields; the rest
+/// are read past, so one huge field or row costs time in proportion but no memory.
 /// Throws EFUError::malformedRow for a quoted section still open at the end, and whatever
 /// `onRow` throws.
 void parseCSV(std::string_view bytes, const RowHandler& onRow);

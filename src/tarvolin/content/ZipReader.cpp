@@ -87,6 +87,7 @@ std::vector<Entry> entries(std::span<const uint8_t> archive, const NamePredicate
   if (!end || end->entryCount == 0) return found;
 
   size_t at = end->centralDirectoryOffset;
+  uint64_t declaredBytes = 0;  // of the entries read so far, at most maxTotalBytes
   for (uint32_t i = 0; i < end->entryCount; ++i) {
     if (at > archive.size() || archive.size() - at < centralHeaderBytes) break;
     if (read32(archive, at) != centralHeaderSignature) break;
@@ -111,6 +112,9 @@ std::vector<Entry> entries(std::span<const uint8_t> archive, const NamePredicate
         localAt + localHeaderBytes + read16(archive, localAt + 26) + read16(archive, localAt + 28);
     if (dataAt > archive.size() || archive.size() - dataAt < compressedBytes) continue;
     std::span<const uint8_t> data = archive.subspan(dataAt, compressedBytes);
+    uint64_t cost = method == stored ? compressedBytes : uncompressedBytes;
+    if (maxTotalBytes - declaredBytes < cost) break;
+    declaredBytes += cost;
 
     if (method == stored) {
       found.push_back({std::move(name), std::vector<uint8_t>(data.begin(), data.end())});

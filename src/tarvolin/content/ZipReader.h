@@ -22,6 +22,11 @@ namespace tarvolin::ZipReader {
 /// Entries whose declared uncompressed size is larger are skipped; no entry ever costs more.
 inline constexpr uint32_t maxEntryBytes = 8'388'608;
 
+/// The most bytes all entries of one archive may declare together (64 MiB): entries past it are
+/// not read. A central directory may list 65,535 entries that all point at the same compressed
+/// data; without this bound each would be inflated and kept.
+inline constexpr uint64_t maxTotalBytes = 67'108'864;
+
 /// Archives larger than this (256 MiB) are not read from a path: the whole archive is copied
 /// into memory, and documents read in parallel must not hold gigabytes each.
 inline constexpr size_t maxArchiveBytes = 268'435'456;

@@ -3,14 +3,26 @@
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
 
+#include <algorithm>
+
 namespace tarvolin::platform {
 
 namespace {
 
-// Bounds on backtracking: plenty for names and lines, small enough that a pattern such as
-// (a+)+$ against a long subject gives up in milliseconds.
+// Bounds on backtracking. A match may take kMatchBase steps plus kMatchPerByte per byte of the
+// subject, at most kMatchLimit: a sensible pattern needs a few steps a byte, while a pattern
+// built to backtrack, such as (a+)+$, gives up within about a microsecond per byte instead of
+// running for exponential time. The bound grows with the subject, so that a search of one
+// million 255-byte names costs seconds, not hours, and a long line still gets its million steps.
+constexpr uint32_t kMatchBase = 10'000;
+constexpr uint32_t kMatchPerByte = 100;
 constexpr uint32_t kMatchLimit = 1'000'000;
 constexpr uint32_t kDepthLimit = 10'000;
+
+uint32_t matchLimitFor(size_t subjectBytes) {
+  if (subjectBytes >= (kMatchLimit - kMatchBase) / kMatchPerByte) return kMatchLimit;
+  return kMatchBase + kMatchPerByte * static_cast<uint32_t>(subjectBytes);
+}
 
 struct ThreadState {
   pcre2_match_data* data = nullptr;
@@ -60,6 +72,8 @@ std::optional<Regex> Regex::compile(std::string_view pattern, Options options) {
 
 std::optional<std::pair<size_t, size_t>> Regex::find(std::string_view subject, size_t from) const {
   ThreadState& state = threadState();
+  pcre2_set_match_limit(state.context,
+                        matchLimitFor(subject.size() - std::min(from, subject.size())));
   int rc = pcre2_match(code_->code, reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(),
                        from, 0, state.data, state.context);
   if (rc < 0) return std::nullopt;
