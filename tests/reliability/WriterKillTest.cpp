@@ -5,33 +5,37 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <random>
 #include <string>
 #include <thread>
 
+#include "reliability/ProbeWriters.h"
 #include "support/TempTree.h"
-#include "tarvolin/content/ContentIndex.h"
-#include "tarvolin/index/IndexStore.h"
-#include "tarvolin/query/TrigramIndex.h"
 
 namespace tarvolin {
 namespace {
 
 constexpr int kKills = 200;
-constexpr uint32_t kVersionA = 30000;  // as in WriterProbe.cpp
-constexpr uint32_t kVersionB = 60000;
 
-// Runs the probe to its end and returns its exit status.
-int runProbe(const std::string& kind, const std::filesystem::path& target, const char* mode,
+// Runs the probe (killed after `killAfter` when given) and returns its wait status. Its
+// temporary folder is `work`/tmp, so that what a killed export leaves there is the test's.
+int runProbe(const std::string& kind, const std::filesystem::path& target,
+             const std::filesystem::path& work, const char* mode,
              std::chrono::microseconds killAfter = std::chrono::microseconds::max()) {
+  std::filesystem::path tmp = work / "tmp";
+  std::filesystem::create_directories(tmp);
   pid_t child = fork();
   if (child == 0) {
-    execl(WRITER_PROBE_PATH, WRITER_PROBE_PATH, kind.c_str(), target.c_str(), mode, nullptr);
+    setenv("TMPDIR", tmp.c_str(), 1);
+    execl(WRITER_PROBE_PATH, WRITER_PROBE_PATH, kind.c_str(), target.c_str(), work.c_str(), mode,
+          nullptr);
     _exit(127);
   }
   if (killAfter != std::chrono::microseconds::max()) {
@@ -43,54 +47,53 @@ int runProbe(const std::string& kind, const std::filesystem::path& target, const
   return status;
 }
 
-// The version found at the target: its size (records or documents), or -1 when it does not
-// load or is neither version.
-int64_t loadedVersion(const std::string& kind, const std::filesystem::path& target) {
-  if (kind == "index") {
-    auto outcome = loadIndex(target);
-    const auto* store = std::get_if<std::shared_ptr<const IndexStore>>(&outcome);
-    return store != nullptr ? static_cast<int64_t>((*store)->count()) : -1;
-  }
-  if (kind == "trigrams") {
-    for (uint32_t version : {kVersionA, kVersionB}) {
-      if (TrigramIndex::load(target, version)) return version;
-    }
-    return -1;
-  }
-  try {
-    return static_cast<int64_t>(ContentIndex::read(target).documents().size()) * 100;
-  } catch (const std::exception&) {
-    return -1;
-  }
-}
-
-class WriterKillTest : public ::testing::TestWithParam<const char*> {};
+class WriterKillTest : public ::testing::TestWithParam<std::string_view> {};
 
 TEST_P(WriterKillTest, EveryKillLeavesTheOldFileOrTheNewOne) {
-  std::string kind = GetParam();
+  std::string kind(GetParam());
+  auto [versionA, versionB] = probe::versionsOf(kind);
   testing::TempTree tree;
-  std::filesystem::path target = tree / "target.bin";
-  ASSERT_EQ(runProbe(kind, target, "once"), 0);
-  ASSERT_EQ(loadedVersion(kind, target), kVersionA);
+  std::filesystem::path work = tree / "work";
+  std::filesystem::path target = tree / "out" / "target";
+  std::filesystem::create_directories(target.parent_path());
+  ASSERT_EQ(runProbe(kind, target, work, "once"), 0);
+  ASSERT_EQ(probe::loadedVersion(kind, target), versionA);
 
-  // Delays spread over a probe's start and several of its writes.
+  // Delays spread over a probe's start and several of its writes, whatever the machine's
+  // speed: up to four times a run that starts and writes A (B is twice A).
+  auto started = std::chrono::steady_clock::now();
+  ASSERT_EQ(runProbe(kind, target, work, "once"), 0);
+  auto once = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - started);
   std::mt19937 random(std::hash<std::string>{}(kind));
-  std::uniform_int_distribution<int> delay(0, 60'000);
+  std::uniform_int_distribution<int64_t> delay(0, std::max<int64_t>(60'000, 4 * once.count()));
   int sawB = 0;
   for (int kill = 0; kill < kKills; ++kill) {
-    int status = runProbe(kind, target, "forever", std::chrono::microseconds(delay(random)));
+    int status = runProbe(kind, target, work, "forever", std::chrono::microseconds(delay(random)));
     ASSERT_TRUE(WIFSIGNALED(status)) << "the probe ended by itself: " << status;
-    int64_t version = loadedVersion(kind, target);
-    ASSERT_TRUE(version == kVersionA || version == kVersionB)
+    int64_t version = probe::loadedVersion(kind, target);
+    ASSERT_TRUE(version == versionA || version == versionB)
         << "after kill " << kill << " the file at the target is " << version;
-    sawB += version == kVersionB;
+    sawB += version == versionB;
   }
   // Some kills must have come after a whole write of B, or the test never saw a replacement.
   EXPECT_GT(sawB, 0);
+  // What the kills left beside the target: temporary files a later write replaces or a killed
+  // export's scratch folders. Reported, not judged: none of it is ever read.
+  int leftovers = -1;
+  for ([[maybe_unused]] const auto& entry :
+       std::filesystem::directory_iterator(target.parent_path())) {
+    ++leftovers;
+  }
+  RecordProperty("leftovers", leftovers);
 }
 
-INSTANTIATE_TEST_SUITE_P(Writers, WriterKillTest, ::testing::Values("index", "trigrams", "content"),
-                         [](const auto& info) { return std::string(info.param); });
+INSTANTIATE_TEST_SUITE_P(Writers, WriterKillTest, ::testing::ValuesIn(probe::kinds),
+                         [](const auto& info) {
+                           std::string name(info.param);
+                           std::erase(name, '-');
+                           return name;
+                         });
 
 }  // namespace
 }  // namespace tarvolin

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
@@ -18,12 +19,24 @@ std::filesystem::path withTmpExtension(const std::filesystem::path& target) {
   return temporary;
 }
 
-void syncFolder(const std::filesystem::path& folder) {
-  FileDescriptor dir =
-      FileDescriptor::tryOpen(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
+std::atomic<AtomicFile::Observer> observer{nullptr};
+
+void notify(AtomicFile::Step step, const std::filesystem::path& path) {
+  if (AtomicFile::Observer call = observer.load(std::memory_order_acquire)) call(step, path);
+}
+
+void renameOver(const std::filesystem::path& from, const std::filesystem::path& target) {
+  if (::rename(from.c_str(), target.c_str()) != 0) throwErrno("rename " + target.string());
+  notify(AtomicFile::Step::rename, target);
+}
+
+void syncFolder(const std::filesystem::path& target) {
+  std::filesystem::path folder = target.parent_path();
+  if (folder.empty()) folder = ".";
+  FileDescriptor dir = FileDescriptor::tryOpen(folder, O_RDONLY | O_DIRECTORY);
   // A folder that cannot be opened for fsync (some file systems refuse) does not undo the rename.
-  if (!dir.valid()) return;
-  ::fsync(dir.get());
+  if (!dir.valid() || ::fsync(dir.get()) != 0) return;
+  notify(AtomicFile::Step::syncFolder, folder);
 }
 
 }  // namespace
@@ -69,16 +82,16 @@ void AtomicFile::write(std::string_view text) {
 void AtomicFile::commit() {
   try {
     fd_.sync();
+    notify(Step::syncFile, temporary_);
     fd_.close();
-    if (::rename(temporary_.c_str(), target_.c_str()) != 0)
-      throwErrno("rename " + target_.string());
+    renameOver(temporary_, target_);
   } catch (...) {
     discard();
     committed_ = true;
     throw;
   }
   committed_ = true;
-  syncFolder(target_.parent_path());
+  syncFolder(target_);
 }
 
 void AtomicFile::replaceContents(const std::filesystem::path& target,
@@ -87,5 +100,15 @@ void AtomicFile::replaceContents(const std::filesystem::path& target,
   file.write(bytes);
   file.commit();
 }
+
+void AtomicFile::moveIntoPlace(const std::filesystem::path& from,
+                               const std::filesystem::path& target) {
+  FileDescriptor::open(from, O_RDONLY).sync();
+  notify(Step::syncFile, from);
+  renameOver(from, target);
+  syncFolder(target);
+}
+
+void AtomicFile::setObserver(Observer call) { observer.store(call, std::memory_order_release); }
 
 }  // namespace tarvolin::platform

@@ -3,7 +3,8 @@
 // the bytes go to a sibling temporary file, which is fsynced, renamed over the target, and the
 // folder is fsynced after the rename. Until `commit()` succeeds the target is not touched; an
 // object destroyed without a successful commit removes its temporary file.
-// One object belongs to one thread.
+// One object belongs to one thread. The observer is process-wide; tests set it while no
+// replacement is under way.
 
 #include <cstdint>
 #include <filesystem>
@@ -36,6 +37,21 @@ class AtomicFile {
 
   /// Writes `bytes` as the whole new content of `target` in one call.
   static void replaceContents(const std::filesystem::path& target, std::span<const uint8_t> bytes);
+  /// Replaces `target` with the finished file at `from` (made by another library, say): fsync
+  /// of the file, rename over the target, fsync of the folder. Throws std::system_error; after
+  /// a failure `from` is left to the caller and the target is as it was.
+  static void moveIntoPlace(const std::filesystem::path& from, const std::filesystem::path& target);
+
+  /// The steps of a replacement, in the order they are made.
+  enum class Step {
+    syncFile,    // the new file's bytes are on disk; path: the temporary file
+    rename,      // the new file is at the target; path: the target
+    syncFolder,  // the rename is on disk; path: the folder
+  };
+  using Observer = void (*)(Step step, const std::filesystem::path& path);
+  /// Calls `observer` after each step succeeds, for every replacement in the process, so that
+  /// tests can check that each writer makes all three, in order. nullptr stops the calls.
+  static void setObserver(Observer observer);
 
   const std::filesystem::path& temporaryPath() const { return temporary_; }
 
