@@ -15,6 +15,7 @@
 #include "tarvolin/catalog/CatalogLayout.h"
 #include "tarvolin/catalog/detail/NewUUID.h"
 #include "tarvolin/index/PathResolver.h"
+#include "tarvolin/platform/AtomicFile.h"
 #include "tarvolin/platform/FileDescriptor.h"
 #include "tarvolin/platform/Unicode.h"
 
@@ -318,7 +319,8 @@ void exportCatalog(const fs::path& catalogDirectory, const fs::path& destination
     targetRemoval.reset(target);
   }
   zip(staging, target);
-  fs::rename(target, destination);
+  // Synced, renamed over the destination, and the folder synced, as every file we replace.
+  platform::AtomicFile::moveIntoPlace(target, destination);
 }
 
 Unpacked unpack(const fs::path& archivePath) {
