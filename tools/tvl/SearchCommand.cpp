@@ -59,6 +59,12 @@ std::optional<int> searchThroughService(const Context& context, const std::strin
   auto client = tarvolin::ServiceClient::connect(protocol::socketPathFor(context.indexPath));
   if (!client) return std::nullopt;
   auto answer = client->ask(protocol::SearchRequest{text, false, kShownResults});
+  const auto* failed = answer ? std::get_if<protocol::ErrorAnswer>(&*answer) : nullptr;
+  if (failed != nullptr && failed->searchFailed) {
+    // The search failed in the service as it would here: the same message, the same status.
+    output::errorLine("tvl: " + failed->error);
+    return 1;
+  }
   const auto* found = answer ? std::get_if<protocol::SearchAnswer>(&*answer) : nullptr;
   if (found == nullptr || found->indexPath != context.indexPath.string()) return std::nullopt;
   for (const std::string& path : found->paths) output::line("  " + path);

@@ -1,5 +1,7 @@
 #include "tarvolin/service/ServiceConnection.h"
 
+#include <stdexcept>
+
 #include "tarvolin/platform/Clock.h"
 #include "tarvolin/query/QueryParser.h"
 
@@ -43,11 +45,18 @@ Answer ServiceConnection::search(const SearchRequest& request) {
 
   std::vector<Match> fresh;
   const std::vector<Match>* matches = &fresh;
-  if (request.keystroke) {
-    matches = &session_->search(request.text);
-  } else {
-    // Like a search of its own, the answer does not depend on earlier requests.
-    fresh = matcher_->matchWithFuzzyFallback(query);
+  try {
+    if (request.keystroke) {
+      matches = &session_->search(request.text);
+    } else {
+      // Like a search of its own, the answer does not depend on earlier requests.
+      fresh = matcher_->matchWithFuzzyFallback(query);
+    }
+  } catch (const std::length_error& error) {
+    // More different terms than the matcher takes: the query fails here as it would in the
+    // client, which reports the message. The typing run starts over from the next keystroke.
+    session_->reset();
+    return ErrorAnswer{error.what(), false, true};
   }
   std::vector<RankedResult> ranked = ranker_->rank(*matches, request.limit);
   SearchAnswer answer;

@@ -23,6 +23,55 @@ const json* field(const json& object, const char* name, json::value_t kind) {
 
 bool has(const json& object, const char* name) { return object.contains(name); }
 
+// Builds the document of a CBOR answer like the library's own reader, but stops at the first
+// container nested deeper than any answer is (the binary reader recurses once per level) or
+// announcing more elements than there are bytes left (the library throws for sizes it cannot
+// hold, whatever it is asked).
+class BoundedCborBuilder {
+ public:
+  BoundedCborBuilder(json& result, size_t payloadBytes)
+      : builder_(result, /*allow_exceptions=*/false), payloadBytes_(payloadBytes) {}
+
+  bool null() { return builder_.null(); }
+  bool boolean(bool value) { return builder_.boolean(value); }
+  bool number_integer(json::number_integer_t value) { return builder_.number_integer(value); }
+  bool number_unsigned(json::number_unsigned_t value) { return builder_.number_unsigned(value); }
+  bool number_float(json::number_float_t value, const std::string& text) {
+    return builder_.number_float(value, text);
+  }
+  bool string(std::string& value) { return builder_.string(value); }
+  bool binary(json::binary_t& value) { return builder_.binary(value); }
+  bool key(std::string& value) { return builder_.key(value); }
+  bool start_object(size_t elements) { return enter(elements) && builder_.start_object(elements); }
+  bool end_object() {
+    --depth_;
+    return builder_.end_object();
+  }
+  bool start_array(size_t elements) { return enter(elements) && builder_.start_array(elements); }
+  bool end_array() {
+    --depth_;
+    return builder_.end_array();
+  }
+  bool parse_error(size_t position, const std::string& token,
+                   const nlohmann::detail::exception& error) {
+    return builder_.parse_error(position, token, error);
+  }
+
+ private:
+  // An answer is a map whose values are at most arrays of strings.
+  static constexpr int kMaxDepth = 4;
+  static constexpr size_t kUnknownSize = static_cast<size_t>(-1);
+
+  bool enter(size_t elements) {
+    if (++depth_ > kMaxDepth) return false;
+    return elements == kUnknownSize || elements <= payloadBytes_;
+  }
+
+  nlohmann::detail::json_sax_dom_parser<json> builder_;
+  size_t payloadBytes_;
+  int depth_ = 0;
+};
+
 std::optional<int64_t> integerField(const json& object, const char* name) {
   const json* value = field(object, name, json::value_t::number_integer);
   if (value == nullptr) return std::nullopt;
@@ -78,7 +127,13 @@ std::filesystem::path socketPathFor(const std::filesystem::path& indexPath) {
 std::variant<Request, RequestError> decodeRequest(std::span<const uint8_t> payload) {
   if (payload.size() > maxRequestBytes) return RequestError::malformed;
   // The text parser is not recursive and checks UTF-8; failures come back as `discarded`.
-  json object = json::parse(payload.begin(), payload.end(), nullptr, /*allow_exceptions=*/false);
+  json object;
+  try {
+    object = json::parse(payload.begin(), payload.end(), nullptr, /*allow_exceptions=*/false);
+  } catch (const json::exception&) {
+    // Failures come back as `discarded`; anything thrown regardless is malformed too.
+    return RequestError::malformed;
+  }
   if (!object.is_object()) return RequestError::malformed;
   std::optional<int64_t> requestVersion = integerField(object, "v");
   if (!requestVersion) return RequestError::malformed;
@@ -149,6 +204,8 @@ std::vector<uint8_t> encodeAnswer(const Answer& answer) {
     object["kind"] = "error";
     object["error"] = error.error;
     object["direct"] = error.useDirect;
+    // Sent only when set, so answers stay as they were for clients that do not know the key.
+    if (error.searchFailed) object["failed"] = true;
   }
   // CBOR keeps strings as the bytes they are: file names need not be UTF-8.
   return json::to_cbor(object);
@@ -156,8 +213,16 @@ std::vector<uint8_t> encodeAnswer(const Answer& answer) {
 
 std::optional<Answer> decodeAnswer(std::span<const uint8_t> payload) {
   if (payload.size() > maxAnswerBytes) return std::nullopt;
-  json object = json::from_cbor(payload.begin(), payload.end(), /*strict=*/true,
-                                /*allow_exceptions=*/false);
+  json object;
+  BoundedCborBuilder builder(object, payload.size());
+  try {
+    if (!json::sax_parse(payload.begin(), payload.end(), &builder, json::input_format_t::cbor,
+                         /*strict=*/true)) {
+      return std::nullopt;
+    }
+  } catch (const json::exception&) {
+    return std::nullopt;
+  }
   if (!object.is_object() || integerField(object, "v") != static_cast<int64_t>(version)) {
     return std::nullopt;
   }
@@ -209,8 +274,12 @@ std::optional<Answer> decodeAnswer(std::span<const uint8_t> payload) {
   if (*kind == "error") {
     auto error = stringField(object, "error");
     const json* direct = field(object, "direct", json::value_t::boolean);
-    if (!error || direct == nullptr) return std::nullopt;
-    return ErrorAnswer{std::move(*error), direct->get<bool>()};
+    const json* failed = field(object, "failed", json::value_t::boolean);
+    if (!error || direct == nullptr || (failed == nullptr && has(object, "failed"))) {
+      return std::nullopt;
+    }
+    return ErrorAnswer{std::move(*error), direct->get<bool>(),
+                       failed != nullptr && failed->get<bool>()};
   }
   return std::nullopt;
 }

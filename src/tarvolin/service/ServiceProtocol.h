@@ -89,11 +89,15 @@ struct StatusAnswer {
   friend bool operator==(const StatusAnswer&, const StatusAnswer&) = default;
 };
 
-/// A refusal: the request could not be served (the text of `error` is for logs, not users).
+/// A refusal: the request could not be served (the text of `error` is for logs, not users,
+/// unless `searchFailed`).
 struct ErrorAnswer {
   std::string error;
   /// The client should do the work itself (e.g. a query that reads file contents).
   bool useDirect = false;
+  /// The search itself failed (e.g. a query with too many different terms), as it would in the
+  /// client: `error` is the failure's message and the connection stays open.
+  bool searchFailed = false;
 
   friend bool operator==(const ErrorAnswer&, const ErrorAnswer&) = default;
 };

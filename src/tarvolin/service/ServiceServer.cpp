@@ -88,6 +88,8 @@ void ServiceServer::acceptLoop() {
     try {
       started.thread = std::thread([this, &started] {
         serve(started);
+        // The client learns at once that the connection is over, not when the thread is reaped.
+        started.socket.shutdown();
         --connections_;
         started.finished = true;
       });

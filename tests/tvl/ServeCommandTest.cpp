@@ -1,0 +1,227 @@
+// tvl serve and tvl status as processes on a temporary home: tvl search through the service
+// prints what the direct path prints, a second service on the same index is refused, status
+// reports, and a stop signal removes the socket and ends the service cleanly.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "support/IndexFixture.h"
+#include "support/RunTool.h"
+#include "support/TempTree.h"
+#include "tarvolin/index/IndexWriter.h"
+
+namespace tarvolin {
+namespace {
+
+using testing::runTool;
+using testing::TempTree;
+using Clock = std::chrono::steady_clock;
+
+template <typename Condition>
+bool eventually(Condition condition, int timeoutMs = 20000) {
+  auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
+  while (!condition()) {
+    if (Clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return true;
+}
+
+// `tvl serve` running in the background with its output in files; stopped with SIGTERM when
+// the object goes away.
+class ServeProcess {
+ public:
+  ServeProcess(const std::string& home, std::vector<std::string> words) : home_(home) {
+    outPath_ = std::filesystem::path(home) / "serve.out";
+    errPath_ = std::filesystem::path(home) / "serve.err";
+    pid_ = fork();
+    if (pid_ == 0) {
+      int out = open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+      dup2(out, 1);
+      dup2(err, 2);
+      setenv("HOME", home.c_str(), 1);
+      std::vector<std::string> args{TVL_PATH, "serve"};
+      args.insert(args.end(), words.begin(), words.end());
+      std::vector<char*> argv;
+      for (std::string& arg : args) argv.push_back(arg.data());
+      argv.push_back(nullptr);
+      execv(TVL_PATH, argv.data());
+      _exit(127);
+    }
+  }
+  ~ServeProcess() {
+    if (pid_ > 0) stop(SIGKILL);
+  }
+  /// Sends `signal` and returns the exit status (128 + signal when killed by it).
+  int stop(int signal = SIGTERM) {
+    kill(pid_, signal);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  }
+  /// Waits until the service answers `tvl status`.
+  bool ready() {
+    return eventually([&] { return runTool({"status"}, home_).status == 0 || exited(); }) &&
+           !exited();
+  }
+  bool exited() {
+    int status;
+    return pid_ <= 0 || waitpid(pid_, &status, WNOHANG) == pid_ ? (pid_ = -1, true) : false;
+  }
+  std::string out() const { return testing::readFile(outPath_); }
+  std::string err() const { return testing::readFile(errPath_); }
+
+ private:
+  std::string home_;
+  std::filesystem::path outPath_, errPath_;
+  pid_t pid_ = -1;
+};
+
+class ServeCommandTest : public ::testing::Test {
+ protected:
+  std::filesystem::path folder() const { return home_ / "Library/Application Support/Tarvolin"; }
+  std::filesystem::path indexPath() const { return folder() / "index.bin"; }
+  void writeIndex(const std::vector<testing::FixtureEntry>& entries) {
+    IndexWriter::write(testing::buildTree(entries), {{"local", "/home/me", 0, true}}, indexPath());
+  }
+  testing::ToolResult search(const std::string& text) {
+    return runTool({"search", text}, home_.root().string());
+  }
+  TempTree home_;
+};
+
+TEST_F(ServeCommandTest, SearchThroughTheServicePrintsWhatTheDirectPathPrints) {
+  std::vector<testing::FixtureEntry> entries = {
+      {"/home/me/report.md"},        {"/home/me/old/report-2023.md"},
+      {"/home/me/notes.txt"},        {"/home/me/caf\xc3\xa9/menu.pdf"},
+      {"/home/me/raw\xff name.txt"}, {"/home/me/big.iso", 5'000'000, 1'700'000'000},
+      {"/home/me/.hidden/report"},   {"/home/me/Apps/Report.app/", {}, 0, RecordFlags::isApp}};
+  for (int i = 0; i < 30; ++i) entries.push_back({"/home/me/data/file" + std::to_string(i)});
+  writeIndex(entries);
+  // More different terms than the matcher takes: an error message and status 1 either way.
+  std::string manyTerms;
+  for (int i = 0; i < 300; ++i) manyTerms += "w" + std::to_string(i) + " ";
+  const std::string queries[] = {"report",
+                                 "report ext:md",
+                                 "file",
+                                 "fiel",
+                                 "size:>1mb",
+                                 "dm:2023",
+                                 "caf\xc3\xa9",
+                                 "name",
+                                 "nothing-at-all",
+                                 "/rep.*t$/",
+                                 "report | notes",
+                                 "!report",
+                                 "type:folder",
+                                 "path:old report",
+                                 "report contains:x",
+                                 manyTerms};
+  std::vector<testing::ToolResult> direct;
+  for (const std::string& text : queries) direct.push_back(search(text));
+  ASSERT_EQ(direct.back().status, 1) << direct.back().err;
+
+  ServeProcess service(home_.root().string(), {});
+  ASSERT_TRUE(service.ready()) << service.err();
+  for (size_t i = 0; i < std::size(queries); ++i) {
+    testing::ToolResult served = search(queries[i]);
+    EXPECT_EQ(testing::maskMilliseconds(served.out), testing::maskMilliseconds(direct[i].out))
+        << queries[i];
+    EXPECT_EQ(served.err, direct[i].err) << queries[i];
+    EXPECT_EQ(served.status, direct[i].status) << queries[i];
+  }
+  // The service answers from memory: the file can go and searches still work.
+  std::filesystem::remove(indexPath());
+  EXPECT_EQ(testing::maskMilliseconds(search("report").out),
+            testing::maskMilliseconds(direct[0].out));
+  EXPECT_EQ(service.stop(SIGINT), 0);
+  EXPECT_EQ(search("report").err,
+            "No index found at " + indexPath().string() + ". Run `tvl scan` to build one.\n");
+}
+
+TEST_F(ServeCommandTest, SecondServiceOnTheSameIndexIsRefused) {
+  writeIndex({{"/home/me/a.txt"}});
+  ServeProcess first(home_.root().string(), {});
+  ASSERT_TRUE(first.ready()) << first.err();
+  testing::ToolResult second = runTool({"serve"}, home_.root().string());
+  EXPECT_EQ(second.status, 1);
+  EXPECT_EQ(second.err, "tvl: a service is already running for " + indexPath().string() +
+                            " (see `tvl status`)\n");
+  EXPECT_EQ(second.out, "");
+  EXPECT_TRUE(std::filesystem::exists(folder() / "tvl.sock"));
+  EXPECT_EQ(runTool({"status"}, home_.root().string()).status, 0);
+}
+
+TEST_F(ServeCommandTest, StopSignalRemovesTheSocketAndFreesTheIndex) {
+  writeIndex({{"/home/me/a.txt"}});
+  for (int signal : {SIGTERM, SIGINT}) {
+    ServeProcess service(home_.root().string(), {});
+    ASSERT_TRUE(service.ready()) << service.err();
+    EXPECT_EQ(std::filesystem::status(folder()).permissions(), std::filesystem::perms::owner_all);
+    EXPECT_EQ(service.stop(signal), 0);
+    EXPECT_FALSE(std::filesystem::exists(folder() / "tvl.sock"));
+    EXPECT_EQ(service.err(), "");
+  }
+  // Killed outright: the lock goes with the process and the old socket is replaced.
+  ServeProcess killed(home_.root().string(), {});
+  ASSERT_TRUE(killed.ready());
+  killed.stop(SIGKILL);
+  ServeProcess next(home_.root().string(), {});
+  EXPECT_TRUE(next.ready()) << next.err();
+}
+
+TEST_F(ServeCommandTest, StatusReportsTheServiceOrItsAbsence) {
+  auto absent = runTool({"status"}, home_.root().string());
+  EXPECT_EQ(absent.status, 1);
+  EXPECT_EQ(absent.out, "No service is running for " + indexPath().string() + ".\n");
+  auto absentJson = runTool({"status", "--json"}, home_.root().string());
+  EXPECT_EQ(nlohmann::json::parse(absentJson.out),
+            (nlohmann::json{{"running", false}, {"index", indexPath().string()}}));
+
+  writeIndex({{"/home/me/a.txt"}, {"/home/me/b/"}});
+  ServeProcess service(home_.root().string(), {});
+  ASSERT_TRUE(service.ready()) << service.err();
+  auto text = runTool({"status"}, home_.root().string());
+  EXPECT_EQ(text.status, 0);
+  EXPECT_EQ(text.out.rfind("Service running (pid ", 0), 0u) << text.out;
+  EXPECT_NE(text.out.find("  index:        " + indexPath().string() + "\n"), std::string::npos);
+  EXPECT_NE(text.out.find("  entries:      5 (0 marked deleted)\n"), std::string::npos);
+  EXPECT_NE(text.out.find("  roots:        /home/me\n"), std::string::npos);
+
+  auto json = nlohmann::json::parse(runTool({"status", "--json"}, home_.root().string()).out);
+  EXPECT_EQ(json["running"], true);
+  EXPECT_EQ(json["entries"], 5);
+  EXPECT_EQ(json["index"], indexPath().string());
+  EXPECT_EQ(json["roots"], nlohmann::json::array({"/home/me"}));
+  EXPECT_GT(json["residentBytes"].get<uint64_t>(), 0u);
+  EXPECT_EQ(runTool({"status", "extra"}, home_.root().string()).status, 2);
+}
+
+TEST_F(ServeCommandTest, WithoutAUsableIndexTheRootIsScannedFirst) {
+  TempTree tree({"docs/plan.txt", "docs/old/plan-b.txt", "music/"});
+  std::filesystem::create_directories(folder());
+  testing::writeFile(indexPath(), "not an index");
+  ServeProcess service(home_.root().string(), {tree.root().string()});
+  ASSERT_TRUE(service.ready()) << service.err();
+  EXPECT_EQ(service.out().rfind("No usable index at " + indexPath().string() + "; scanning " +
+                                    tree.root().string() + "\u2026\n",
+                                0),
+            0u)
+      << service.out();
+  auto found = search("plan");
+  EXPECT_EQ(testing::maskMilliseconds(found.out),
+            "  " + (tree / "docs/plan.txt").string() + "\n  " +
+                (tree / "docs/old/plan-b.txt").string() + "\n\n2 matches in Tms (showing 2)\n");
+}
+
+}  // namespace
+}  // namespace tarvolin
