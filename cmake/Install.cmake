@@ -76,10 +76,13 @@ install(FILES ${PROJECT_SOURCE_DIR}/completions/_tvl
         DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
 install(FILES ${PROJECT_SOURCE_DIR}/completions/tvl.fish
         DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
-if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/systemd/tarvolin.service)
+if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/systemd/tarvolin.service.in)
+  # The unit starts the installed tool by its full path (systemd does not search PATH for
+  # ExecStart), so it names the bin folder of the prefix configured here.
+  configure_file(${PROJECT_SOURCE_DIR}/packaging/systemd/tarvolin.service.in
+                 ${PROJECT_BINARY_DIR}/tarvolin.service @ONLY)
   # systemd looks for user units in lib/systemd/user under the prefix, never in a multiarch dir.
-  install(FILES ${PROJECT_SOURCE_DIR}/packaging/systemd/tarvolin.service
-          DESTINATION lib/systemd/user)
+  install(FILES ${PROJECT_BINARY_DIR}/tarvolin.service DESTINATION lib/systemd/user)
 endif()
 
 # cpack -G DEB: the runtime dependencies are read from the binaries by dpkg-shlibdeps.
