@@ -101,7 +101,8 @@ TEST_F(ExplainCommandTest, AFileMadeAfterTheScanIsNewerThanTheIndex) {
   std::filesystem::last_write_time(tree_ / "keep", later);
   json result = json::parse(explain((tree_ / "keep/later.txt").string(), true).out);
   EXPECT_EQ(result["reason"]["kind"], "newerThanIndex");
-  EXPECT_NE(result["reason"]["text"].get<std::string>().find("no service is watching: run `tvl scan` again"),
+  EXPECT_NE(result["reason"]["text"].get<std::string>().find(
+                "no service is watching: run `tvl scan` again"),
             std::string::npos);
 }
 
