@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <thread>
 
@@ -81,6 +82,11 @@ class PickPane {
       : dir_(home.root()) {
     static int sessions = 0;
     socket_ = "tvl-pick-" + std::to_string(getpid()) + "-" + std::to_string(++sessions);
+    // A second pane of a test shares the folder: what an earlier one left must not be read as
+    // this pane's status or output.
+    for (const char* name : {"status", "status.tmp", "out", "pid", "before", "after"}) {
+      std::filesystem::remove(dir_ / name);
+    }
     testing::writeFile(dir_ / "pick.sh", "stty -a > '" + path("before") +
                                              "'\n"
                                              "HOME='" +
