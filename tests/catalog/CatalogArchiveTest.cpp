@@ -43,21 +43,21 @@ std::string makeArchive(const std::vector<Entry>& entries) {
     return static_cast<la_ssize_t>(length);
   };
   archive_write_open(writer, &bytes, nullptr, append, nullptr);
-  for (const Entry& spec : entries) {
+  for (const Entry& item : entries) {
     archive_entry* entry = archive_entry_new();
-    archive_entry_set_pathname(entry, spec.name.c_str());
-    archive_entry_set_filetype(entry, spec.type);
+    archive_entry_set_pathname(entry, item.name.c_str());
+    archive_entry_set_filetype(entry, item.type);
     archive_entry_set_perm(entry, 0644);
-    if (!spec.linkTarget.empty()) archive_entry_set_symlink(entry, spec.linkTarget.c_str());
-    if (!spec.hardlink.empty()) archive_entry_set_hardlink(entry, spec.hardlink.c_str());
-    bool hasData = spec.type == AE_IFREG && spec.hardlink.empty();
+    if (!item.linkTarget.empty()) archive_entry_set_symlink(entry, item.linkTarget.c_str());
+    if (!item.hardlink.empty()) archive_entry_set_hardlink(entry, item.hardlink.c_str());
+    bool hasData = item.type == AE_IFREG && item.hardlink.empty();
     archive_entry_set_size(
-        entry, hasData ? static_cast<la_int64_t>(spec.contents.size() + spec.zeros) : 0);
+        entry, hasData ? static_cast<la_int64_t>(item.contents.size() + item.zeros) : 0);
     EXPECT_EQ(archive_write_header(writer, entry), ARCHIVE_OK) << archive_error_string(writer);
     if (hasData) {
-      archive_write_data(writer, spec.contents.data(), spec.contents.size());
+      archive_write_data(writer, item.contents.data(), item.contents.size());
       std::string block(1 << 20, '\0');
-      for (uint64_t left = spec.zeros; left > 0;) {
+      for (uint64_t left = item.zeros; left > 0;) {
         size_t n = static_cast<size_t>(std::min<uint64_t>(left, block.size()));
         archive_write_data(writer, block.data(), n);
         left -= n;

@@ -51,41 +51,41 @@ using tarvolin::CatalogLayout;
 constexpr int kInterruptedStatus = 130;
 constexpr int64_t kShownResults = 20;
 
-constexpr OptionSpec kJsonOption{"json", 0, "", "Print the result as JSON."};
-constexpr OptionSpec kNameOptions[] = {
+constexpr OptionSyntax kJsonOption{"json", 0, "", "Print the result as JSON."};
+constexpr OptionSyntax kNameOptions[] = {
     {"name", 0, "NAME", "Display name of the catalog (default: the folder's name)."}, kJsonOption};
-constexpr OptionSpec kJsonOnly[] = {kJsonOption};
+constexpr OptionSyntax kJsonOnly[] = {kJsonOption};
 
-constexpr CommandSpec kAddSpec{"tvl catalog add PATH [--name NAME] [--json]",
-                               "Catalogs the folder or drive at PATH under a new id: its names, "
-                               "sizes and dates,\nsearchable with `tvl catalog search` while it "
-                               "is detached.",
-                               kNameOptions, 1, 1};
-constexpr CommandSpec kListSpec{"tvl catalog list [--json]",
-                                "Lists every catalog with its kind, name, root, counts, size, "
-                                "when it was catalogued\nand whether its volume is mounted now.",
-                                kJsonOnly, 0, 0};
-constexpr CommandSpec kUpdateSpec{"tvl catalog update ID [--json]",
-                                  "Scans the catalogued folder or drive again and replaces the "
-                                  "catalog's index.",
-                                  kJsonOnly, 1, 1};
-constexpr CommandSpec kRemoveSpec{"tvl catalog remove ID [--json]",
-                                  "Deletes the catalog and its files.", kJsonOnly, 1, 1};
-constexpr CommandSpec kExportSpec{"tvl catalog export ID FILE [--json]",
-                                  "Writes the catalog as one archive file (extension "
-                                  ".tarvolincatalog).",
-                                  kJsonOnly, 2, 2};
-constexpr CommandSpec kImportSpec{"tvl catalog import FILE [--json]",
-                                  "Checks a catalog archive and adds it as a new catalog.",
-                                  kJsonOnly, 1, 1};
-constexpr CommandSpec kEfuSpec{"tvl catalog efu FILE [--name NAME] [--json]",
-                               "Imports an EFU file list as a catalog of kind efu.", kNameOptions,
-                               1, 1};
-constexpr CommandSpec kSearchSpec{"tvl catalog search QUERY [--json]",
-                                  "Searches every catalog with the query language of `tvl "
-                                  "search`; best results first,\neach shown with its catalog's "
-                                  "name and marked when the catalog is offline.",
-                                  kJsonOnly, 1};
+constexpr CommandSyntax kAddSpec{"tvl catalog add PATH [--name NAME] [--json]",
+                                 "Catalogs the folder or drive at PATH under a new id: its names, "
+                                 "sizes and dates,\nsearchable with `tvl catalog search` while it "
+                                 "is detached.",
+                                 kNameOptions, 1, 1};
+constexpr CommandSyntax kListSpec{"tvl catalog list [--json]",
+                                  "Lists every catalog with its kind, name, root, counts, size, "
+                                  "when it was catalogued\nand whether its volume is mounted now.",
+                                  kJsonOnly, 0, 0};
+constexpr CommandSyntax kUpdateSpec{"tvl catalog update ID [--json]",
+                                    "Scans the catalogued folder or drive again and replaces the "
+                                    "catalog's index.",
+                                    kJsonOnly, 1, 1};
+constexpr CommandSyntax kRemoveSpec{"tvl catalog remove ID [--json]",
+                                    "Deletes the catalog and its files.", kJsonOnly, 1, 1};
+constexpr CommandSyntax kExportSpec{"tvl catalog export ID FILE [--json]",
+                                    "Writes the catalog as one archive file (extension "
+                                    ".tarvolincatalog).",
+                                    kJsonOnly, 2, 2};
+constexpr CommandSyntax kImportSpec{"tvl catalog import FILE [--json]",
+                                    "Checks a catalog archive and adds it as a new catalog.",
+                                    kJsonOnly, 1, 1};
+constexpr CommandSyntax kEfuSpec{"tvl catalog efu FILE [--name NAME] [--json]",
+                                 "Imports an EFU file list as a catalog of kind efu.", kNameOptions,
+                                 1, 1};
+constexpr CommandSyntax kSearchSpec{"tvl catalog search QUERY [--json]",
+                                    "Searches every catalog with the query language of `tvl "
+                                    "search`; best results first,\neach shown with its catalog's "
+                                    "name and marked when the catalog is offline.",
+                                    kJsonOnly, 1};
 
 constexpr std::string_view kOverview =
     "usage: tvl catalog <subcommand> ...\n"
@@ -683,8 +683,8 @@ constexpr Subcommand kSubcommands[] = {
 }  // namespace
 
 int runCatalog(const Context& context) {
-  static constexpr CommandSpec kSpec{"tvl catalog <subcommand> ...", kOverview};
-  if (context.words.empty()) usageError(kSpec, "a subcommand is needed");
+  static constexpr CommandSyntax kSyntax{"tvl catalog <subcommand> ...", kOverview};
+  if (context.words.empty()) usageError(kSyntax, "a subcommand is needed");
   const std::string& word = context.words.front();
   if (word == "--help" || word == "-h") {
     output::line(kOverview);
@@ -695,7 +695,7 @@ int runCatalog(const Context& context) {
       return subcommand.run(context, {context.words.begin() + 1, context.words.end()});
     }
   }
-  usageError(kSpec, "unknown subcommand \"" + word + "\"");
+  usageError(kSyntax, "unknown subcommand \"" + word + "\"");
 }
 
 }  // namespace tvl

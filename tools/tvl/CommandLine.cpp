@@ -9,31 +9,32 @@
 namespace tvl {
 namespace {
 
-constexpr OptionSpec kJson{"json", 0, "", "Print JSON instead of text"};
-constexpr OptionSpec kHelp{"help", 'h', "", "Show this help and exit"};
+constexpr OptionSyntax kJson{"json", 0, "", "Print JSON instead of text"};
+constexpr OptionSyntax kHelp{"help", 'h', "", "Show this help and exit"};
 
-const OptionSpec* findLong(const CommandSpec& spec, std::string_view name) {
+const OptionSyntax* findLong(const CommandSyntax& syntax, std::string_view name) {
   if (name == kJson.name) return &kJson;
   if (name == kHelp.name) return &kHelp;
-  for (const OptionSpec& option : spec.options) {
+  for (const OptionSyntax& option : syntax.options) {
     if (option.name == name) return &option;
   }
   return nullptr;
 }
 
-const OptionSpec* findShort(const CommandSpec& spec, char letter) {
+const OptionSyntax* findShort(const CommandSyntax& syntax, char letter) {
   if (letter == kHelp.shortName) return &kHelp;
-  for (const OptionSpec& option : spec.options) {
+  for (const OptionSyntax& option : syntax.options) {
     if (option.shortName != 0 && option.shortName == letter) return &option;
   }
   return nullptr;
 }
 
-void printHelp(const CommandSpec& spec) {
-  std::string text = "usage: " + std::string(spec.usage) + "\n\n" + std::string(spec.description);
+void printHelp(const CommandSyntax& syntax) {
+  std::string text =
+      "usage: " + std::string(syntax.usage) + "\n\n" + std::string(syntax.description);
   if (!text.ends_with('\n')) text.push_back('\n');
   text += "\noptions:\n";
-  auto add = [&text](const OptionSpec& option) {
+  auto add = [&text](const OptionSyntax& option) {
     std::string left = "  ";
     if (option.shortName != 0) {
       left.append(1, '-').append(1, option.shortName).append(", ");
@@ -45,7 +46,7 @@ void printHelp(const CommandSpec& spec) {
     left.resize(std::max<size_t>(left.size() + 2, 26), ' ');
     text += left + std::string(option.description) + "\n";
   };
-  for (const OptionSpec& option : spec.options) add(option);
+  for (const OptionSyntax& option : syntax.options) add(option);
   add(kJson);
   add(kHelp);
   text.pop_back();
@@ -81,15 +82,15 @@ std::optional<uint64_t> ParsedOptions::count(std::string_view name, uint64_t max
   const char* end = text->data() + text->size();
   auto [stop, error] = std::from_chars(text->data(), end, number);
   if (text->empty() || error != std::errc() || stop != end || number > max) {
-    usageError(*spec_, "--" + std::string(name) + " wants a whole number from 0 to " +
-                           std::to_string(max) + ", not \"" + *text + "\"");
+    usageError(*syntax_, "--" + std::string(name) + " wants a whole number from 0 to " +
+                             std::to_string(max) + ", not \"" + *text + "\"");
   }
   return number;
 }
 
-ParsedOptions parseOptions(const CommandSpec& spec, const std::vector<std::string>& words) {
+ParsedOptions parseOptions(const CommandSyntax& syntax, const std::vector<std::string>& words) {
   ParsedOptions parsed;
-  parsed.spec_ = &spec;
+  parsed.syntax_ = &syntax;
   bool optionsEnded = false;
   for (size_t i = 0; i < words.size(); ++i) {
     const std::string& word = words[i];
@@ -101,7 +102,7 @@ ParsedOptions parseOptions(const CommandSpec& spec, const std::vector<std::strin
       optionsEnded = true;
       continue;
     }
-    const OptionSpec* option = nullptr;
+    const OptionSyntax* option = nullptr;
     std::optional<std::string> inlineValue;
     std::string shown;  // the option as the user wrote it, for messages
     if (word.starts_with("--")) {
@@ -112,18 +113,18 @@ ParsedOptions parseOptions(const CommandSpec& spec, const std::vector<std::strin
         body = body.substr(0, equals);
       }
       shown = "--" + std::string(body);
-      option = findLong(spec, body);
+      option = findLong(syntax, body);
     } else {
       shown = word.substr(0, 2);
-      option = findShort(spec, word[1]);
+      option = findShort(syntax, word[1]);
       if (word.size() > 2) inlineValue = word.substr(2);
       // "-xy" with x a flag is not accepted: flags come one per word, as the help shows them.
       if (option != nullptr && option->valueName.empty() && inlineValue) option = nullptr;
       if (option == nullptr) shown = word;
     }
-    if (option == nullptr) usageError(spec, "unknown option " + shown);
+    if (option == nullptr) usageError(syntax, "unknown option " + shown);
     if (option->name == kHelp.name) {
-      printHelp(spec);
+      printHelp(syntax);
       throw ExitRequest{0};
     }
     std::string text;
@@ -133,24 +134,24 @@ ParsedOptions parseOptions(const CommandSpec& spec, const std::vector<std::strin
       } else if (i + 1 < words.size()) {
         text = words[++i];
       } else {
-        usageError(spec, shown + " needs a value (" + std::string(option->valueName) + ")");
+        usageError(syntax, shown + " needs a value (" + std::string(option->valueName) + ")");
       }
     } else if (inlineValue) {
-      usageError(spec, shown + " takes no value");
+      usageError(syntax, shown + " takes no value");
     }
     parsed.given_.emplace_back(std::string(option->name), std::move(text));
   }
-  if (parsed.operands_.size() < spec.minOperands) usageError(spec, "missing operand");
-  if (parsed.operands_.size() > spec.maxOperands) {
-    usageError(spec, "unexpected operand \"" + parsed.operands_[spec.maxOperands] + "\"");
+  if (parsed.operands_.size() < syntax.minOperands) usageError(syntax, "missing operand");
+  if (parsed.operands_.size() > syntax.maxOperands) {
+    usageError(syntax, "unexpected operand \"" + parsed.operands_[syntax.maxOperands] + "\"");
   }
   return parsed;
 }
 
-void usageError(const CommandSpec& spec, std::string_view problem) {
+void usageError(const CommandSyntax& syntax, std::string_view problem) {
   output::flush();
   output::errorLine("tvl: " + std::string(problem));
-  output::errorLine("usage: " + std::string(spec.usage));
+  output::errorLine("usage: " + std::string(syntax.usage));
   throw ExitRequest{2};
 }
 

@@ -20,12 +20,12 @@ namespace {
 
 constexpr uint64_t kDefaultLimit = 100;
 
-constexpr OptionSpec kOptions[] = {
+constexpr OptionSyntax kOptions[] = {
     {"limit", 'n', "N", "list at most N copies (default 100)"},
     {"json", 0, "", "print one JSON document"},
 };
 
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl dupes PATH [--limit N] [--json]",
     "Lists the other entries of the name index that look like copies of PATH: files (or\n"
     "folders, when PATH is one) with the same name, compared without regard to the case of\n"
@@ -71,10 +71,10 @@ nlohmann::json sizeValue(const tarvolin::FileRecord& record) {
 }  // namespace
 
 int runDupes(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   uint64_t limit = kDefaultLimit;
   if (std::optional<uint64_t> given = options.count("limit")) limit = *given;
-  if (limit == 0) usageError(kSpec, "--limit must be at least 1");
+  if (limit == 0) usageError(kSyntax, "--limit must be at least 1");
 
   std::string path = absolutePath(options.operands().front());
   auto store = openIndexOrExit(context);

@@ -14,7 +14,7 @@
 namespace tvl {
 namespace {
 
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl estimate [--json]",
     "Estimates how many entries a scan of every local file system will find: the sum of the\n"
     "inodes in use on each local file system (network, FUSE and kernel file systems are not\n"
@@ -24,26 +24,10 @@ constexpr CommandSpec kSpec{
     0,
     0};
 
-// Control characters (a newline in a mount path) as the mount table writes them, "\012".
-std::string printable(std::string_view text) {
-  std::string shown;
-  for (char c : text) {
-    auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      char escape[5];
-      std::snprintf(escape, sizeof escape, "\\%03o", byte);
-      shown += escape;
-    } else {
-      shown.push_back(c);
-    }
-  }
-  return shown;
-}
-
 }  // namespace
 
 int runEstimate(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   std::vector<tarvolin::VolumeSample> samples = tarvolin::FilesystemEstimate::mountedVolumes();
   std::optional<int64_t> estimate =
       tarvolin::FilesystemEstimate::usedInodes([&samples] { return std::optional(samples); });
@@ -71,7 +55,7 @@ int runEstimate(const Context& context) {
   }
   for (const tarvolin::VolumeSample& sample : samples) {
     output::format("  %*lld  ", static_cast<int>(width), static_cast<long long>(sample.usedInodes));
-    output::line(printable(sample.mountPoint));
+    output::line(output::printable(sample.mountPoint));
   }
   return 0;
 }

@@ -38,7 +38,7 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using tarvolin::RecordFlags;
 
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl explain PATH [--json]",
     "Tells whether PATH is in the name index, with its record, and if not, why: it does not\n"
     "exist, lies outside the scanned root, below an excluded folder or pruned mount, below a\n"
@@ -250,7 +250,7 @@ std::string kindOf(RecordFlags flags) {
 }  // namespace
 
 int runExplain(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   std::string path = absolutePath(options.operands().front());
   std::shared_ptr<const tarvolin::IndexStore> store = openIndexOrExit(context);
   int64_t indexTime = modifiedSeconds(context.indexPath).value_or(0);

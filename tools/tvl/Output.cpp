@@ -30,6 +30,21 @@ void errorLine(std::string_view text) {
   std::fflush(stderr);
 }
 
+std::string printable(std::string_view text) {
+  std::string shown;
+  for (char c : text) {
+    auto byte = static_cast<unsigned char>(c);
+    if (byte < 0x20 || byte == 0x7f) {
+      char escape[5];
+      std::snprintf(escape, sizeof escape, "\\%03o", byte);
+      shown += escape;
+    } else {
+      shown.push_back(c);
+    }
+  }
+  return shown;
+}
+
 void flush() { std::fflush(stdout); }
 
 }  // namespace tvl::output

@@ -4,6 +4,7 @@
 // flushed at exit, so a search printing 20 paths costs one write.
 
 #include <cstdarg>
+#include <string>
 #include <string_view>
 
 namespace tvl::output {
@@ -14,6 +15,9 @@ void line(std::string_view text);
 [[gnu::format(printf, 1, 2)]] void format(const char* pattern, ...);
 /// Writes `text` and a newline to standard error (raw UTF-8).
 void errorLine(std::string_view text);
+/// `text` with control characters written as the mount table writes them ("\012" for a
+/// newline), so that a path always stays on one line.
+std::string printable(std::string_view text);
 /// Flushes standard output; called before exiting.
 void flush();
 

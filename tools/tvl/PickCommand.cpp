@@ -37,10 +37,10 @@ using pick::Key;
 using pick::KeyPress;
 using tarvolin::platform::TerminalDevice;
 
-constexpr OptionSpec kOptions[] = {
+constexpr OptionSyntax kOptions[] = {
     {"print0", '0', "", "separate the printed paths with NUL bytes instead of newlines"},
 };
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl pick [-0] [QUERY...]",
     "Search as you type in a full-screen view on the terminal and print the chosen paths.\n"
     "Keys: up/down, page up/down, home/end move; Tab marks several; Enter prints the marked\n"
@@ -392,7 +392,7 @@ class Picker {
 }  // namespace
 
 int runPick(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   std::string query;
   for (const std::string& word : options.operands()) {
     if (!query.empty()) query.push_back(' ');

@@ -48,7 +48,7 @@ constexpr int64_t kContentCandidates = 5000;
 // Content-index documents rank after every name match: they have no name score.
 constexpr uint64_t kContentBucket = 5;
 
-constexpr OptionSpec kOptions[] = {
+constexpr OptionSyntax kOptions[] = {
     {"null", '0', "", "End each result with a NUL byte instead of a newline (for xargs -0)."},
     {"limit", 'n', "N", "Print the best N results (default 20; 0 prints every match, ranked)."},
     {"catalogs", 0, "", "Also search the offline catalogs."},
@@ -56,7 +56,7 @@ constexpr OptionSpec kOptions[] = {
     {"count", 'c', "", "Print only the number of matches."},
 };
 
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl query [-0] [--limit N] [--catalogs] [--content] [--count] [--json] QUERY...",
     "Searches the name index like `tvl search` and prints only the results, best first: one\n"
     "path per line, NUL-separated with -0, or one JSON object per line with --json (path,\n"
@@ -340,7 +340,7 @@ void appendPath(std::string& out, const Gathered& gathered, const Entry& entry) 
 }  // namespace
 
 int runQuery(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   uint64_t limit = options.count("limit").value_or(kDefaultLimit);
   std::string text;
   for (const std::string& word : options.operands()) {

@@ -24,7 +24,7 @@ namespace {
 constexpr int64_t kSeedDepth = 3;
 constexpr double kProgressInterval = 0.1;
 
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl serve [root]",
     "Runs the search service in the foreground until interrupted (SIGINT or SIGTERM).\n"
     "It answers `tvl search` from memory through a socket beside the index. When there is\n"
@@ -80,7 +80,7 @@ std::shared_ptr<const tarvolin::IndexStore> loadOrScan(
 }  // namespace
 
 int runServe(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   std::string root =
       absoluteRoot(options.operands().empty() ? context.home : options.operands().front());
   std::filesystem::path folder = context.indexPath.parent_path();

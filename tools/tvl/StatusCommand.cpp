@@ -17,7 +17,7 @@ namespace tvl {
 
 namespace {
 
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl status [--json]",
     "Says whether a service (`tvl serve`) is running for the index, and reports its index:\n"
     "entries, age of the last change, watched roots, watch mode, and the service's memory.\n"
@@ -107,7 +107,7 @@ nlohmann::json jsonOf(const tarvolin::ServiceProtocol::StatusAnswer& status, int
 }  // namespace
 
 int runStatus(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   namespace protocol = tarvolin::ServiceProtocol;
   std::optional<protocol::Answer> answer;
   if (auto client = tarvolin::ServiceClient::connect(protocol::socketPathFor(context.indexPath))) {

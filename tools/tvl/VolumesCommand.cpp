@@ -14,34 +14,17 @@
 namespace tvl {
 namespace {
 
-constexpr OptionSpec kOptions[] = {
+constexpr OptionSyntax kOptions[] = {
     {"no-probe", 0, "", "do not list volume roots to find backup stores (reports \"no\")"},
 };
 
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl volumes [--no-probe] [--json]",
     "Lists the local volumes: \"/\" first, then every mounted disk file system by mount path,\n"
     "one a line with its mount path, name, UUID, capacity, whether the disk is internal or\n"
     "external, and whether the volume holds a backup store. Network, FUSE and system mounts\n"
     "are left out.",
     kOptions, 0, 0};
-
-// Control characters (a newline in a mount path) as the mount table writes them, "\012", so
-// that each volume stays on one line.
-std::string printable(std::string_view text) {
-  std::string shown;
-  for (char c : text) {
-    auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7f) {
-      char escape[5];
-      std::snprintf(escape, sizeof escape, "\\%03o", byte);
-      shown += escape;
-    } else {
-      shown.push_back(c);
-    }
-  }
-  return shown;
-}
 
 // Terminal columns of UTF-8 text: one per character (continuation bytes take none).
 size_t columns(std::string_view text) {
@@ -72,8 +55,9 @@ void printText(const std::vector<tarvolin::MountedVolume>& volumes) {
   std::vector<std::vector<std::string>> rows = {
       {"MOUNT PATH", "NAME", "UUID", "CAPACITY", "DISK", "BACKUP"}};
   for (const tarvolin::MountedVolume& volume : volumes) {
-    rows.push_back({printable(volume.mountPath), printable(volume.name), printable(volume.uuid),
-                    capacityText(volume.totalBytes), volume.isInternal ? "internal" : "external",
+    rows.push_back({output::printable(volume.mountPath), output::printable(volume.name),
+                    output::printable(volume.uuid), capacityText(volume.totalBytes),
+                    volume.isInternal ? "internal" : "external",
                     volume.isTimeMachineDestination ? "yes" : "no"});
   }
   std::vector<size_t> widths(rows[0].size(), 0);
@@ -114,7 +98,7 @@ void printJson(const std::vector<tarvolin::MountedVolume>& volumes) {
 }  // namespace
 
 int runVolumes(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   if (options.has("no-probe")) tarvolin::VolumeEnumerator::setProbesVolumeRoots(false);
   std::vector<tarvolin::MountedVolume> volumes = tarvolin::VolumeEnumerator::mountedVolumes();
   if (options.json()) {

@@ -20,13 +20,13 @@
 namespace tvl {
 namespace {
 
-constexpr OptionSpec kOptions[] = {
+constexpr OptionSyntax kOptions[] = {
     {"latency", 0, "SECONDS",
      "gather the events after the first of a quiet period for this long (default 0)"},
     {"json", 0, "", "one JSON object per line"},
 };
 
-constexpr CommandSpec kSpec{
+constexpr CommandSyntax kSyntax{
     "tvl watch [--latency SECONDS] [--json] [path ...]",
     "Watches the folders (default: the home folder) and everything below them, and prints each\n"
     "change signal as it arrives until interrupted: \"changed PATH\" for every folder whose\n"
@@ -41,7 +41,7 @@ double parseLatency(const ParsedOptions& options) {
   auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), seconds);
   if (error != std::errc() || end != text->data() + text->size() || !std::isfinite(seconds) ||
       seconds < 0 || seconds > 86400) {
-    usageError(kSpec, "--latency wants a number of seconds from 0 to 86400");
+    usageError(kSyntax, "--latency wants a number of seconds from 0 to 86400");
   }
   return seconds;
 }
@@ -67,7 +67,7 @@ void print(const tarvolin::FileSystemWatcherSignal& signal, bool json) {
 }  // namespace
 
 int runWatch(const Context& context) {
-  ParsedOptions options = parseOptions(kSpec, context.words);
+  ParsedOptions options = parseOptions(kSyntax, context.words);
   double latency = parseLatency(options);
   std::vector<std::string> paths = options.operands();
   if (paths.empty()) paths.push_back(context.home);

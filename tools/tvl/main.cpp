@@ -38,9 +38,9 @@ int help() {
 
 // "tvl --version [--json]": the version the build was configured with.
 int version(const std::vector<std::string>& args) {
-  static constexpr tvl::CommandSpec kSpec{
+  static constexpr tvl::CommandSyntax kSyntax{
       "tvl --version [--json]", "Print the version of tvl and exit.", {}, 0, 0};
-  tvl::ParsedOptions options = tvl::parseOptions(kSpec, {args.begin() + 1, args.end()});
+  tvl::ParsedOptions options = tvl::parseOptions(kSyntax, {args.begin() + 1, args.end()});
   if (options.json()) {
     tvl::output::line(tvl::jsonText({{"version", TARVOLIN_VERSION}}));
   } else {
