@@ -1,6 +1,7 @@
 // tvl serve [root]: the long-running service. Loads the index (scanning root, default the home
-// folder, when there is none or it cannot be used), answers searches on the socket beside it
-// until SIGINT or SIGTERM, then writes the index if it changed and removes the socket.
+// folder, when there is none or it cannot be used), keeps it current with the file system,
+// answers searches on the socket beside it until SIGINT or SIGTERM, then writes the index if it
+// changed and removes the socket.
 
 #include <atomic>
 #include <csignal>
@@ -13,9 +14,10 @@
 #include "Output.h"
 #include "tarvolin/index/IndexWriter.h"
 #include "tarvolin/platform/ProcessControl.h"
+#include "tarvolin/scan/AttributeFiller.h"
 #include "tarvolin/scan/DirectoryScanner.h"
-#include "tarvolin/service/LiveIndex.h"
 #include "tarvolin/service/ServiceServer.h"
+#include "tarvolin/service/WatchedIndex.h"
 
 namespace tvl {
 
@@ -27,11 +29,17 @@ constexpr double kProgressInterval = 0.1;
 constexpr CommandSyntax kSyntax{
     "tvl serve [root]",
     "Runs the search service in the foreground until interrupted (SIGINT or SIGTERM).\n"
-    "It answers `tvl search` from memory through a socket beside the index. When there is\n"
-    "no usable index, it first scans root (default: the home folder), as `tvl scan` does.",
+    "It answers `tvl search` from memory through a socket beside the index and keeps the\n"
+    "index current as files change. When there is no usable index, it first scans root\n"
+    "(default: the home folder), as `tvl scan` does, and fills sizes and dates.",
     {},
     0,
     1};
+
+tarvolin::ScanPolicy policyFor(const std::string& root) {
+  return tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()}.adding(
+      tarvolin::ScanPolicy::mountExclusions(root));
+}
 
 std::string absoluteRoot(const std::string& root) {
   if (root.empty() || root.front() == '/') return root;
@@ -51,13 +59,15 @@ std::shared_ptr<const tarvolin::IndexStore> loadOrScan(
                "\u2026");
   output::flush();
   std::atomic<bool> stopped = false;
-  tarvolin::DirectoryScanner scanner(
-      tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()}, kSeedDepth,
-      kProgressInterval, context.home);
-  tarvolin::ScanResult result = scanner.scan(root, 0, {}, [&] {
+  tarvolin::DirectoryScanner scanner(policyFor(root), kSeedDepth, kProgressInterval, context.home);
+  auto shouldContinue = [&] {
     if (!stopped && stop.wait(0) != 0) stopped = true;
     return !stopped.load();
-  });
+  };
+  tarvolin::ScanResult result = scanner.scan(root, 0, {}, shouldContinue);
+  if (stopped) throw ExitRequest{0};
+  tarvolin::AttributeFiller::fill(result.builder, shouldContinue, false,
+                                  tarvolin::AttributeFiller::Appetite::working, {});
   if (stopped) throw ExitRequest{0};
   output::format("  %lld entries in %.2fs\n", static_cast<long long>(result.entriesScanned),
                  result.duration);
@@ -106,7 +116,13 @@ int runServe(const Context& context) {
   // Before any thread starts, so that only the wait below receives them.
   tarvolin::platform::StopSignals stopSignals;
   std::shared_ptr<const tarvolin::IndexStore> store = loadOrScan(context, root, stopSignals);
-  tarvolin::LiveIndex index(context.indexPath, store);
+  std::vector<std::string> roots;
+  for (const tarvolin::VolumeEntry& volume : store->header().volumes) {
+    roots.push_back(volume.mountPath);
+  }
+  tarvolin::ScanPolicy policy = policyFor(roots.empty() ? root : roots.front());
+  tarvolin::WatchedIndex index(context.indexPath, store, policy, context.home);
+  index.start();
   std::optional<tarvolin::ServiceServer> server;
   try {
     server.emplace(socketPath, index);
@@ -122,6 +138,12 @@ int runServe(const Context& context) {
   int signal = stopSignals.wait(-1);
   output::line(signal == SIGINT ? "Interrupted; stopping" : "Terminated; stopping");
   server.reset();
+  index.stop();
+  if (std::string error = index.lastWriteError(); !error.empty()) {
+    output::errorLine("tvl: could not write the index to " + context.indexPath.string() + ": " +
+                      error);
+    return 1;
+  }
   return 0;
 }
 

@@ -49,6 +49,41 @@ void IndexBuilder::setAttributes(uint32_t id, uint64_t size, uint32_t mtime) {
   record.flags.insert(RecordFlags::attrsFilled);
 }
 
+void IndexBuilder::markDeleted(uint32_t id) {
+  TARVOLIN_PRECONDITION(id < records_.size());
+  records_[id].flags.insert(RecordFlags::deleted);
+}
+
+IndexBuilder IndexBuilder::copying(const IndexStore& store) {
+  IndexBuilder builder;
+  std::span<const FileRecord> records = store.records();
+  std::string_view blob = store.nameBlob();
+  builder.records_.assign(records.begin(), records.end());
+  builder.nameBlob_.assign(blob.begin(), blob.end());
+  return builder;
+}
+
+IndexBuilder IndexBuilder::compacting(const IndexStore& store) {
+  constexpr uint32_t kDropped = 0xFFFFFFFF;
+  uint32_t count = store.count();
+  IndexBuilder builder(count, static_cast<int64_t>(store.nameBlob().size()));
+  std::vector<uint32_t> newID(count, kDropped);
+  for (uint32_t id = 0; id < count; ++id) {
+    const FileRecord& record = store[id];
+    if (record.flags.contains(RecordFlags::deleted)) continue;
+    uint32_t parent = FileRecord::rootParentID;
+    if (record.parentID != FileRecord::rootParentID) {
+      if (record.parentID >= id || newID[record.parentID] == kDropped) continue;
+      parent = newID[record.parentID];
+    }
+    uint32_t kept = builder.addEntry(store.nameBytes(id), parent, record.flags, record.volumeIndex);
+    builder.records_[kept].size = record.size;
+    builder.records_[kept].mtime = record.mtime;
+    newID[id] = kept;
+  }
+  return builder;
+}
+
 std::string_view IndexBuilder::nameBytes(uint32_t id) const {
   TARVOLIN_PRECONDITION(id < records_.size());
   const FileRecord& record = records_[id];

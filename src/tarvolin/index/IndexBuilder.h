@@ -1,7 +1,8 @@
 #pragma once
 // The growable, in-memory form of an index: the record table and the name blob, filled by the
 // scanner, the file-list importer or from an existing store, then handed whole to IndexWriter.
-// Record IDs are handed out in order of addition and never change; nothing is ever removed.
+// Record IDs are handed out in order of addition and never change; nothing is ever removed (a
+// record that went away is marked deleted and keeps its place).
 // A builder belongs to one thread at a time (the attribute filler's workers write records only
 // under their own lock).
 
@@ -41,6 +42,15 @@ class IndexBuilder {
 
   /// Sets size and mtime and adds attrsFilled. REQUIRES: id < recordCount().
   void setAttributes(uint32_t id, uint64_t size, uint32_t mtime);
+
+  /// Adds the `deleted` flag. REQUIRES: id < recordCount().
+  void markDeleted(uint32_t id);
+
+  /// Every record and the whole name blob of `store`, unchanged (deleted records included).
+  static IndexBuilder copying(const IndexStore& store);
+  /// The records of `store` that are not deleted and whose parent was kept, renumbered in ID
+  /// order (a record's parent must come before it, as in every index the engine writes).
+  static IndexBuilder compacting(const IndexStore& store);
 
   /// The name decoded as UTF-8, invalid sequences replaced by U+FFFD. REQUIRES: id < recordCount().
   std::string name(uint32_t id) const;

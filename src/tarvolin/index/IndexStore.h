@@ -51,6 +51,8 @@ class IndexStore {
   /// True when every name starts at or after the end of the previous record's name, as in every
   /// index the engine writes: hits of one pass over the blob then map back to records in order.
   bool namesInRecordOrder() const { return namesInRecordOrder_; }
+  /// The whole file as mapped (header, records and names).
+  std::span<const uint8_t> fileBytes() const { return file_.bytes(); }
   /// Size of the file when it was opened.
   uint64_t mappedLength() const { return file_.size(); }
 

@@ -15,6 +15,20 @@ std::span<const uint8_t> recordBytes(const IndexBuilder& builder) {
   return {reinterpret_cast<const uint8_t*>(records.data()), records.size() * sizeof(FileRecord)};
 }
 
+// Replaces `target` with the parts, one after the other.
+void replace(const std::filesystem::path& target, std::span<const std::span<const uint8_t>> parts) {
+  // Every writer of this index uses the same temporary name: one at a time per folder.
+  std::filesystem::path folder = target.parent_path().empty() ? "." : target.parent_path();
+  std::filesystem::create_directories(folder);
+  platform::FolderLock writers(folder);
+  platform::AtomicFile file(target);
+  // The temporary file exists now; the AtomicFile removes it if anything below throws.
+  // One gathered write: the page cache then holds the file in large pieces from its first byte,
+  // which readers map with fewer, larger page table entries.
+  file.write(parts);
+  file.commit();
+}
+
 }  // namespace
 
 IndexHeader headerFor(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes) {
@@ -43,19 +57,21 @@ IndexHeader headerFor(const IndexBuilder& builder, const std::vector<VolumeEntry
 
 void write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
            const std::filesystem::path& target) {
-  IndexHeader header = headerFor(builder, volumes);
-  // Every writer of this index uses the same temporary name: one at a time per folder.
-  std::filesystem::path folder = target.parent_path().empty() ? "." : target.parent_path();
-  std::filesystem::create_directories(folder);
-  platform::FolderLock writers(folder);
-  platform::AtomicFile file(target);
-  // The temporary file exists now; the AtomicFile removes it if anything below throws.
-  // One gathered write: the page cache then holds the file in large pieces from its first byte,
-  // which readers map with fewer, larger page table entries.
-  std::vector<uint8_t> headerBytes = header.encodeChecked();
+  std::vector<uint8_t> headerBytes = headerFor(builder, volumes).encodeChecked();
   const std::span<const uint8_t> parts[] = {headerBytes, recordBytes(builder), builder.nameBlob()};
-  file.write(parts);
-  file.commit();
+  replace(target, parts);
+}
+
+void copy(const IndexStore& store, const std::filesystem::path& target) {
+  const std::span<const uint8_t> parts[] = {store.fileBytes()};
+  replace(target, parts);
+}
+
+void writeTo(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
+             const platform::FileDescriptor& file) {
+  std::vector<uint8_t> headerBytes = headerFor(builder, volumes).encodeChecked();
+  const std::span<const uint8_t> parts[] = {headerBytes, recordBytes(builder), builder.nameBlob()};
+  file.writeAll(parts);
 }
 
 }  // namespace tarvolin::IndexWriter

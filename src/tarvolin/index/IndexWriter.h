@@ -10,6 +10,8 @@
 
 #include "tarvolin/index/IndexBuilder.h"
 #include "tarvolin/index/IndexHeader.h"
+#include "tarvolin/index/IndexStore.h"
+#include "tarvolin/platform/FileDescriptor.h"
 
 namespace tarvolin::IndexWriter {
 
@@ -17,6 +19,15 @@ namespace tarvolin::IndexWriter {
 /// std::filesystem::filesystem_error) for file-system failures.
 void write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
            const std::filesystem::path& target);
+
+/// Writes the same bytes as `write` to the start of the open, empty file `file`, with no
+/// temporary file, rename or flush (for a file no other process reads). Throws std::system_error.
+void writeTo(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
+             const platform::FileDescriptor& file);
+
+/// Writes the file `store` was loaded from, byte for byte, to `target` the way `write` does (same
+/// temporary file, lock and flushes). Same errors as `write`.
+void copy(const IndexStore& store, const std::filesystem::path& target);
 
 /// The header `write` would put in front of the builder's bytes (checksum and completeness).
 IndexHeader headerFor(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes);
