@@ -107,7 +107,8 @@ size_t Fanotify::read(std::span<uint8_t> buffer) {
 
 std::optional<FileSystemReference> fileSystemReference(const char* path) {
   FileSystemReference reference;
-  reference.mount = FileDescriptor::tryOpen(path, O_PATH | O_DIRECTORY);
+  // Opened for reading: open_by_handle_at takes no O_PATH descriptor as its mount (EBADF).
+  reference.mount = FileDescriptor::tryOpen(path, O_RDONLY | O_DIRECTORY);
   if (!reference.mount.valid()) return std::nullopt;
   struct statfs info;
   if (fstatfs(reference.mount.get(), &info) != 0) return std::nullopt;

@@ -67,8 +67,8 @@ class Fanotify {
   FileDescriptor fd_;
 };
 
-/// A descriptor on the file system holding `path` (O_PATH), to resolve that file system's
-/// handles against, and the file system's id as fanotify reports it. Nothing when `path`
+/// A descriptor on the file system holding `path` (opened for reading), to resolve that file
+/// system's handles against, and the file system's id as fanotify reports it. Nothing when `path`
 /// cannot be opened.
 struct FileSystemReference {
   FileDescriptor mount;

@@ -85,6 +85,24 @@ const FanotifySource::Folder* FanotifySource::folderOf(const platform::FanotifyE
               .first->second;
 }
 
+void FanotifySource::reportSubtree(const std::string& path, PendingBatch& batch) {
+  stack_.clear();
+  stack_.push_back(path);
+  while (!stack_.empty()) {
+    std::string folder = std::move(stack_.back());
+    stack_.pop_back();
+    // Gone again already: its parent's event names the parent.
+    if (reader_.open(folder.c_str()) != 0) continue;
+    batch.addPath(folder);
+    reader_.forEach([&](const platform::DirectoryEntry& entry) {
+      if (entry.type == platform::EntryType::directory) {
+        stack_.push_back(joinPath(folder, entry.name));
+      }
+    });
+    reader_.close();
+  }
+}
+
 void FanotifySource::handle(const platform::FanotifyEvent& event, PendingBatch& batch) {
   if (event.mask & Fanotify::kQueueOverflow) {
     batch.mustFullRescan = true;
@@ -96,6 +114,10 @@ void FanotifySource::handle(const platform::FanotifyEvent& event, PendingBatch& 
   bool folderGoes = onFolder && (event.mask & (Fanotify::kMovedFrom | Fanotify::kDelete));
   if (folder == nullptr) return;
   if (folder->reported && event.name != ".") batch.addPath(*folder->reported);
+  if (folder->reported && onFolder && !event.name.empty() && event.name != "." &&
+      (event.mask & (Fanotify::kCreate | Fanotify::kMovedTo))) {
+    reportSubtree(joinPath(*folder->reported, event.name), batch);
+  }
   if (folderGoes && !event.name.empty() && event.name != ".") {
     // A root removed or moved away, itself or with a folder above it: nothing of it is
     // watched any more (its parent may lie outside the roots, so this is checked here).

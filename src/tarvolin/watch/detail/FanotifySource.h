@@ -8,6 +8,9 @@
 // is an event in its parent, which names the parent, so such events are dropped. The cache of
 // paths is emptied whenever any folder on the file system is renamed or removed, since that
 // changes or ends the paths of everything below it.
+//
+// A folder made or moved in is named itself, with every folder inside it: entries moved in with
+// it have no events of their own.
 
 #include <cstdint>
 #include <memory>
@@ -16,6 +19,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "tarvolin/platform/DirectoryReader.h"
 #include "tarvolin/platform/Fanotify.h"
 #include "tarvolin/watch/detail/EventSource.h"
 
@@ -50,6 +54,8 @@ class FanotifySource final : public EventSource {
   };
   /// The folder `event` happened in; nullptr when its handle no longer opens.
   const Folder* folderOf(const platform::FanotifyEvent& event);
+  /// Adds `path` and every folder below it to `batch`.
+  void reportSubtree(const std::string& path, PendingBatch& batch);
   /// `resolved` in the owner's form when it lies at or below a root.
   std::optional<std::string> insideRoots(const std::string& resolved) const;
 
@@ -61,6 +67,8 @@ class FanotifySource final : public EventSource {
   std::string key_;  // reused to build cache keys
   std::vector<uint8_t> buffer_;
   std::vector<platform::FanotifyEvent> events_;
+  std::vector<std::string> stack_;  // folders still to list in reportSubtree
+  platform::DirectoryReader reader_;
 };
 
 }  // namespace tarvolin::watch_detail
