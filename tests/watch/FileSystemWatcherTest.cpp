@@ -89,6 +89,22 @@ FileSystemWatcher::Options inotifyOnly(size_t cap = SIZE_MAX) {
   return options;
 }
 
+FileSystemWatcher::Options fanotifyWanted() {
+  FileSystemWatcher::Options options;
+  options.backend = WatchBackend::fanotify;
+  return options;
+}
+
+size_t countRescans(const std::vector<FileSystemWatcherSignal>& signals) {
+  return static_cast<size_t>(std::count_if(signals.begin(), signals.end(), [](const auto& s) {
+    return s.kind == Kind::mustFullRescan;
+  }));
+}
+
+bool isAtOrBelow(const std::string& path, const std::string& top) {
+  return path == top || path.starts_with(top + "/");
+}
+
 class FileSystemWatcherTest : public ::testing::Test {
  public:  // the table of changes below reaches the trees
   void startWatching(double latency = 0, FileSystemWatcher::Options options = inotifyOnly()) {
@@ -99,6 +115,15 @@ class FileSystemWatcherTest : public ::testing::Test {
     ASSERT_TRUE(watcher_->isStarted());
   }
   std::string at(const std::string& relative) const { return (tree_ / relative).string(); }
+  std::vector<std::string> atAll(const std::vector<std::string>& relative) const {
+    std::vector<std::string> paths;
+    for (const std::string& path : relative) paths.push_back(at(path));
+    return paths;
+  }
+
+  // Each change names the folder whose listing it changed (and, for new folders, the folders
+  // themselves), whichever kernel interface delivers it.
+  void expectEachChangeNamesTheFolderThatHoldsIt();
 
   // Declared first so it is destroyed last: the watcher delivers onto it.
   platform::SerialQueue queue_;
@@ -108,9 +133,7 @@ class FileSystemWatcherTest : public ::testing::Test {
   std::unique_ptr<FileSystemWatcher> watcher_;
 };
 
-// Each change names the folder whose listing it changed (and, for new folders, the folders
-// themselves).
-TEST_F(FileSystemWatcherTest, EachChangeNamesTheFolderThatHoldsIt) {
+void FileSystemWatcherTest::expectEachChangeNamesTheFolderThatHoldsIt() {
   struct Case {
     const char* what;
     std::function<void(FileSystemWatcherTest&)> change;
@@ -134,7 +157,6 @@ TEST_F(FileSystemWatcherTest, EachChangeNamesTheFolderThatHoldsIt) {
        {"d", "d/incoming", "d/incoming/sub"}},
       {"folder deleted", [](auto& t) { fs::remove_all(t.tree_ / "d/incoming"); }, {"d"}},
   };
-  startWatching();
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     c.change(*this);
@@ -147,6 +169,54 @@ TEST_F(FileSystemWatcherTest, EachChangeNamesTheFolderThatHoldsIt) {
     EXPECT_EQ(signal.kind, Kind::changedPaths);
     EXPECT_FALSE(signal.paths.empty());
   }
+}
+
+TEST_F(FileSystemWatcherTest, EachChangeNamesTheFolderThatHoldsIt) {
+  startWatching();
+  expectEachChangeNamesTheFolderThatHoldsIt();
+}
+
+TEST_F(FileSystemWatcherTest, FanotifyNamesTheSameFoldersAsInotify) {
+  startWatching(0, fanotifyWanted());
+  if (watcher_->activeBackend() != WatchBackend::fanotify) {
+    GTEST_SKIP() << "fanotify refused here (a file-system mark needs CAP_SYS_ADMIN and a kernel "
+                    "reporting folder handles and names)";
+  }
+  EXPECT_TRUE(watcher_->unwatchedFolders().empty());
+  expectEachChangeNamesTheFolderThatHoldsIt();
+  // mkdir -p and a file at the bottom: every level is named.
+  fs::create_directories(tree_ / "p/q/r");
+  writeFile(tree_ / "p/q/r/f.txt", "f");
+  for (const char* folder : {"", "p", "p/q", "p/q/r"}) {
+    EXPECT_TRUE(recorder_.waitForPath(*folder ? at(folder) : tree_.root().string())) << folder;
+  }
+  // Changes outside the root, on the same file system, are not reported.
+  writeFile(outside_ / "elsewhere.txt", "x");
+  writeFile(tree_ / "e/marker.txt", "m");
+  ASSERT_TRUE(recorder_.waitForPath(at("e")));
+  EXPECT_FALSE(Recorder::mentions(recorder_.signals(), outside_.root().string()));
+}
+
+// A fanotify request that cannot be served (here: a root that does not exist, so no file system
+// can be marked for it) falls back to inotify, which then behaves as asked for directly; the
+// automatic choice is inotify.
+TEST_F(FileSystemWatcherTest, FanotifyFallsBackToInotifyAndAutomaticChoosesInotify) {
+  FileSystemWatcher fallback({at("no/such/folder"), tree_.root().string()},
+                             FileSystemWatcher::sinceNow, 0, queue_, recorder_.handler(),
+                             fanotifyWanted());
+  fallback.start();
+  ASSERT_TRUE(fallback.isStarted());
+  EXPECT_EQ(fallback.activeBackend(), WatchBackend::inotify);
+  EXPECT_TRUE(recorder_.waitForRescan());  // the missing root
+  writeFile(tree_ / "d/x.txt", "x");
+  EXPECT_TRUE(recorder_.waitForPath(at("d")));
+  fallback.stop();
+
+  FileSystemWatcher automatic({tree_.root().string()}, FileSystemWatcher::sinceNow, 0, queue_,
+                              recorder_.handler());
+  automatic.start();
+  ASSERT_TRUE(automatic.isStarted());
+  EXPECT_EQ(automatic.activeBackend(), WatchBackend::inotify);
 }
 
 // mkdir -p and a file at the bottom, faster than the watcher can add watches: the listing of
@@ -208,6 +278,89 @@ TEST_F(FileSystemWatcherTest, NewFolderPastTheWatchCapGivesMustFullRescan) {
   EXPECT_TRUE(recorder_.waitForRescan());
   // The batch still names the folder where the new one appeared.
   EXPECT_TRUE(recorder_.waitForPath(at("d")));
+}
+
+// The six folders with a cap of N: the first N have watches, and the unwatched list covers
+// exactly the others (a change in a listed subtree is never signalled, one anywhere else always
+// is), without a folder twice or below another, after one rescan.
+TEST_F(FileSystemWatcherTest, UnwatchedFoldersCoverExactlyTheFoldersWithoutAWatch) {
+  const std::vector<std::string> folders = {"a", "a/b", "a/b/c", "d", "e"};  // and the root
+  for (size_t cap : {1, 2, 3, 5, 6}) {
+    SCOPED_TRACE("cap " + std::to_string(cap));
+    Recorder recorder;
+    FileSystemWatcher watcher({tree_.root().string()}, FileSystemWatcher::sinceNow, 0, queue_,
+                              recorder.handler(), inotifyOnly(cap));
+    watcher.start();
+    ASSERT_TRUE(watcher.isStarted());
+    if (cap < 6) {
+      ASSERT_TRUE(recorder.waitForRescan());
+    }
+    std::vector<std::string> unwatched = watcher.unwatchedFolders();
+    ASSERT_TRUE(std::is_sorted(unwatched.begin(), unwatched.end()));
+    for (const std::string& one : unwatched) {
+      for (const std::string& other : unwatched) {
+        if (&one != &other) {
+          EXPECT_FALSE(isAtOrBelow(one, other)) << one << " in " << other;
+        }
+      }
+    }
+
+    std::string probe = "probe-" + std::to_string(cap) + ".txt";
+    for (const std::string& folder : folders) writeFile(tree_ / folder / probe, "p");
+    writeFile(tree_.root() / probe, "p");  // the root is watched first: read after the rest
+    ASSERT_TRUE(recorder.waitForPath(tree_.root()));
+    auto signals = recorder.signals();
+    size_t covered = 0;
+    for (const std::string& folder : folders) {
+      bool listed = std::any_of(unwatched.begin(), unwatched.end(),
+                                [&](const auto& top) { return isAtOrBelow(at(folder), top); });
+      covered += listed;
+      EXPECT_NE(listed, Recorder::countPath(signals, at(folder)) > 0) << folder;
+    }
+    EXPECT_EQ(covered, 6 - cap);
+    EXPECT_EQ(countRescans(signals), cap < 6 ? 1u : 0u);
+
+    watcher.stop();
+    EXPECT_TRUE(watcher.unwatchedFolders().empty());
+    watcher.start();  // the same folders again
+    EXPECT_EQ(watcher.unwatchedFolders(), unwatched);
+    watcher.stop();
+  }
+}
+
+// At the cap, each new folder is listed with no further rescan; the list follows a rename,
+// forgets a deleted or moved-out folder, and asks for a rescan again once it was empty.
+TEST_F(FileSystemWatcherTest, FoldersPastTheCapAreListedFollowedAndForgotten) {
+  startWatching(0, inotifyOnly(6));  // exactly the six folders there are
+  fs::create_directories(tree_ / "d/new/x/y");
+  ASSERT_TRUE(recorder_.waitForRescan());
+  ASSERT_TRUE(recorder_.waitForPath(at("d")));
+  EXPECT_EQ(watcher_->unwatchedFolders(), atAll({"d/new"}));
+
+  fs::create_directory(tree_ / "e/new2");
+  ASSERT_TRUE(recorder_.waitForPath(at("e")));
+  EXPECT_EQ(watcher_->unwatchedFolders(), atAll({"d/new", "e/new2"}));
+
+  fs::rename(tree_ / "d/new", tree_ / "a/moved");
+  ASSERT_TRUE(recorder_.waitForPath(at("a")));
+  EXPECT_EQ(watcher_->unwatchedFolders(), atAll({"a/moved", "e/new2"}));
+
+  fs::remove(tree_ / "e/new2");
+  ASSERT_TRUE(
+      recorder_.waitFor([&](const auto& s) { return Recorder::countPath(s, at("e")) >= 2; }));
+  EXPECT_EQ(watcher_->unwatchedFolders(), atAll({"a/moved"}));
+
+  fs::rename(tree_ / "a/moved", outside_ / "moved");
+  ASSERT_TRUE(
+      recorder_.waitFor([&](const auto& s) { return Recorder::countPath(s, at("a")) >= 2; }));
+  EXPECT_TRUE(watcher_->unwatchedFolders().empty());
+  EXPECT_EQ(countRescans(recorder_.signals()), 1u);
+
+  fs::create_directory(tree_ / "d/again");
+  ASSERT_TRUE(recorder_.waitFor([](const auto& s) { return countRescans(s) == 2; }));
+  EXPECT_EQ(watcher_->unwatchedFolders(), atAll({"d/again"}));
+  watcher_->stop();
+  EXPECT_TRUE(watcher_->unwatchedFolders().empty());
 }
 
 TEST_F(FileSystemWatcherTest, StartFromAStoredIdGivesRescanThenHistoryDone) {

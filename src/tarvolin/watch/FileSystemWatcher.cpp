@@ -14,6 +14,7 @@
 #include "tarvolin/watch/detail/EventSource.h"
 #include "tarvolin/watch/detail/FanotifySource.h"
 #include "tarvolin/watch/detail/InotifySource.h"
+#include "tarvolin/watch/detail/UnwatchedFolders.h"
 
 namespace tarvolin {
 
@@ -86,7 +87,8 @@ FileSystemWatcher::FileSystemWatcher(std::vector<std::string> paths, uint64_t si
       latency_(std::isfinite(latency) ? std::max(latency, 0.0) : 0.0),
       queue_(queue),
       options_(options),
-      delivery_(std::make_shared<watch_detail::Delivery>()) {
+      delivery_(std::make_shared<watch_detail::Delivery>()),
+      unwatched_(std::make_unique<watch_detail::UnwatchedFolders>()) {
   for (const std::string& path : paths) paths_.push_back(normalRoot(path));
   delivery_->onSignal = std::move(onSignal);
 }
@@ -97,12 +99,14 @@ void FileSystemWatcher::start() {
   if (source_) return;
   auto initial = std::make_unique<watch_detail::PendingBatch>();
   std::unique_ptr<watch_detail::EventSource> source;
+  unwatched_->clear();
   try {
     if (options_.backend == Backend::fanotify) source = watch_detail::FanotifySource::open(paths_);
     if (source) {
       activeBackend_ = Backend::fanotify;
     } else {
-      source = std::make_unique<watch_detail::InotifySource>(paths_, options_.watchCap, *initial);
+      source = std::make_unique<watch_detail::InotifySource>(paths_, options_.watchCap, *initial,
+                                                             *unwatched_);
       activeBackend_ = Backend::inotify;
     }
     stopRequest_ = std::make_unique<platform::Wakeup>();
@@ -124,6 +128,7 @@ void FileSystemWatcher::stop() {
   stopRequest_->raise();
   reader_.join();
   source_.reset();
+  unwatched_->clear();
   stopRequest_.reset();
   initial_.reset();
   std::unique_lock guard(delivery_->lock);
@@ -138,6 +143,8 @@ uint64_t FileSystemWatcher::lastKnownEventID() const {
   std::lock_guard guard(delivery_->lastEventIDLock);
   return delivery_->lastKnownEventID;
 }
+
+std::vector<std::string> FileSystemWatcher::unwatchedFolders() const { return unwatched_->list(); }
 
 uint64_t FileSystemWatcher::currentEventID() { return realtimeNanoseconds(); }
 

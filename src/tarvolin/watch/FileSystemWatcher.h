@@ -13,21 +13,26 @@
 // from then on. Each folder appears once per batch, in the order of its first event.
 //
 // When nothing may be trusted any more, `mustFullRescan` comes: the kernel's event queue
-// overflowed, a folder could not be watched (the per-user watch limit or the watch cap reached,
-// an unreadable folder), or a root is missing, deleted, moved or unmounted (that root's path comes
-// in `changedPaths` too). Event ids are wall-clock nanoseconds (CLOCK_REALTIME) taken when a
-// batch is read, never lower than an id given before by this watcher. The kernel keeps no
-// history: a start from any id but `sinceNow` delivers `mustFullRescan` then `historyDone` first.
+// overflowed, a root is missing, deleted, moved or unmounted (that root's path comes in
+// `changedPaths` too), or the first folder could not be watched (the per-user watch limit or the
+// watch cap reached, an unreadable folder). Every folder that cannot be watched goes into
+// `unwatchedFolders`; only the first (the list was empty) asks for a rescan, since asking again
+// for each would not end while the limit holds. The owner rescans the listed folders on a slow
+// timer of its own while the list is not empty (a new folder that could not be watched is still
+// new in its parent's batch, so its contents of that moment are covered by the parent's listing).
+// Event ids are wall-clock nanoseconds (CLOCK_REALTIME) taken when a batch is read, never lower
+// than an id given before by this watcher. The kernel keeps no history: a start from any id but
+// `sinceNow` delivers `mustFullRescan` then `historyDone` first.
 //
 // Batching: with latency 0 every read of the kernel's queue is one batch. Otherwise the first
 // events after a quiet period (no delivery in the last `latency` seconds) are delivered at once,
 // and later ones are gathered until `latency` seconds after the previous delivery.
 //
 // Threads: `start`, `stop` and the destructor are called from one owner thread (or from the
-// handler itself, on the queue); `lastKnownEventID` from any thread. One reader thread per
-// started watcher waits on the kernel and builds the batches; the handler runs on `queue`.
-// Once `stop` returns, no handler call is running (unless `stop` was called from it) and none
-// will start.
+// handler itself, on the queue); `lastKnownEventID` and `unwatchedFolders` from any thread. One
+// reader thread per started watcher waits on the kernel and builds the batches; the handler runs on
+// `queue`. Once `stop` returns, no handler call is running (unless `stop` was called from it) and
+// none will start.
 
 #include <cstdint>
 #include <functional>
@@ -44,6 +49,7 @@ namespace tarvolin {
 
 namespace watch_detail {
 class EventSource;
+class UnwatchedFolders;
 struct Delivery;
 struct PendingBatch;
 }  // namespace watch_detail
@@ -105,6 +111,14 @@ class FileSystemWatcher {
   /// The id of the newest batch delivered; 0 before the first.
   uint64_t lastKnownEventID() const;
 
+  /// The top folders of the subtrees left without watches since `start` (the folder whose watch
+  /// failed, the folders its walk had still to watch, a folder that could not be listed), sorted,
+  /// none twice and none below another: rescanning each of them whole covers everything this
+  /// watcher does not see. Entries follow renames seen in watched parents and go when their
+  /// folder is deleted or moved away; nothing is ever watched again until a restart. Empty when
+  /// stopped, and always with fanotify (one mark covers everything).
+  std::vector<std::string> unwatchedFolders() const;
+
   /// Now, in event-id units (CLOCK_REALTIME nanoseconds). An owner notes it before a full scan.
   static uint64_t currentEventID();
   /// The UUID of the file system holding `path`, or nothing when `path` cannot be stat'ed or
@@ -122,6 +136,7 @@ class FileSystemWatcher {
   platform::SerialQueue& queue_;
   Options options_;
   std::shared_ptr<watch_detail::Delivery> delivery_;
+  std::unique_ptr<watch_detail::UnwatchedFolders> unwatched_;  // filled by the reader thread
   Backend activeBackend_ = Backend::inotify;
   uint64_t lastIssuedEventID_ = 0;  // the reader thread's; carried across restarts
   std::unique_ptr<watch_detail::EventSource> source_;

@@ -22,21 +22,23 @@ constexpr size_t kReadBytes = 256 * 1024;
 }  // namespace
 
 InotifySource::InotifySource(const std::vector<std::string>& roots, size_t watchCap,
-                             PendingBatch& initial)
-    : inotify_(watchCap), buffer_(kReadBytes) {
+                             PendingBatch& initial, UnwatchedFolders& unwatched)
+    : inotify_(watchCap), unwatched_(unwatched), buffer_(kReadBytes) {
   for (const std::string& root : roots) {
     // A root may be a link to a folder (followed, as the owner named it); folders below are not.
     int watch = inotify_.addWatch(root.c_str(), kFolderMask);
     if (watch < 0) {
       initial.mustFullRescan = true;
+      if (watch != -ENOENT && watch != -ENOTDIR) leaveUnwatched(root, initial);
       continue;
     }
     tree_.set(watch, root);
     rootWatches_.push_back(watch);
     // The root itself is watched; its subfolders follow.
     reader_.close();
-    if (reader_.open(root.c_str()) != 0) {
+    if (int error = reader_.open(root.c_str()); error != 0) {
       initial.mustFullRescan = true;
+      if (error != ENOENT && error != ENOTDIR) leaveUnwatched(root, initial);
       continue;
     }
     std::vector<std::string> children;
@@ -47,6 +49,12 @@ InotifySource::InotifySource(const std::vector<std::string>& roots, size_t watch
     reader_.close();
     for (const std::string& child : children) watchSubtree(child, false, initial);
   }
+}
+
+void InotifySource::leaveUnwatched(const std::string& path, PendingBatch& batch) {
+  // Later ones only grow the list: rescanning everything again for each would not end while
+  // the limit holds, and the owner rescans the listed folders on its own schedule.
+  if (unwatched_.add(path)) batch.mustFullRescan = true;
 }
 
 void InotifySource::watchSubtree(const std::string& path, bool reportFolders, PendingBatch& batch) {
@@ -60,16 +68,22 @@ void InotifySource::watchSubtree(const std::string& path, bool reportFolders, Pe
       // Gone (or replaced by a file) before it could be watched: the event of its parent
       // already names the parent. Anything else leaves a folder unwatched.
       if (watch == -ENOENT || watch == -ENOTDIR) continue;
-      batch.mustFullRescan = true;
+      leaveUnwatched(folder, batch);
       if (watch == -ENOSPC) {
-        stack_.clear();  // every further folder would fail the same way
+        // Every further folder would fail the same way: those still waiting stay unwatched.
+        for (const std::string& waiting : stack_) leaveUnwatched(waiting, batch);
+        stack_.clear();
         return;
       }
       continue;
     }
     tree_.set(watch, folder);
     if (reportFolders) batch.addPath(folder);
-    if (reader_.open(folder.c_str()) != 0) continue;
+    if (int error = reader_.open(folder.c_str()); error != 0) {
+      // Watched, but the folders below it cannot be found to be watched.
+      if (error != ENOENT && error != ENOTDIR) leaveUnwatched(folder, batch);
+      continue;
+    }
     reader_.forEach([&](const platform::DirectoryEntry& entry) {
       if (entry.type == platform::EntryType::directory) {
         stack_.push_back(joinPath(folder, entry.name));
@@ -103,7 +117,10 @@ void InotifySource::handle(const platform::InotifyEvent& event, PendingBatch& ba
     inotify_.forgetWatch(event.watch);
     if (isRoot(event.watch)) {
       // The root went away (deleted, unmounted): nothing of it is watched any more.
-      if (const std::string* root = tree_.path(event.watch)) batch.addPath(*root);
+      if (const std::string* root = tree_.path(event.watch)) {
+        batch.addPath(*root);
+        unwatched_.forget(*root);
+      }
       batch.mustFullRescan = true;
       std::erase(rootWatches_, event.watch);
     }
@@ -120,6 +137,7 @@ void InotifySource::handle(const platform::InotifyEvent& event, PendingBatch& ba
       batch.addPath(folder);
       batch.mustFullRescan = true;
       if (event.mask & Inotify::kMoveSelf) {
+        unwatched_.forget(folder);
         // Still watched at its new place, where none of the paths hold: let it go.
         for (int watch : tree_.subtree(folder)) {
           if (watch != event.watch) inotify_.removeWatch(watch);
@@ -135,6 +153,8 @@ void InotifySource::handle(const platform::InotifyEvent& event, PendingBatch& ba
   if (!(event.mask & Inotify::kIsDirectory) || event.name.empty()) return;
   if (event.mask & Inotify::kCreate) {
     watchSubtree(joinPath(folder, event.name), true, batch);
+  } else if (event.mask & Inotify::kDelete) {
+    unwatched_.forget(joinPath(folder, event.name));
   } else if (event.mask & Inotify::kMovedFrom) {
     movesOut_.push_back(MoveOut{event.cookie, joinPath(folder, event.name)});
   } else if (event.mask & Inotify::kMovedTo) {
@@ -144,6 +164,7 @@ void InotifySource::handle(const platform::InotifyEvent& event, PendingBatch& ba
     if (from != movesOut_.end()) {
       // Renamed inside the tree: same watches, new paths for it and everything below.
       tree_.rename(from->path, to);
+      unwatched_.rename(from->path, to);
       movesOut_.erase(from);
     } else {
       watchSubtree(to, true, batch);  // moved in from outside the tree
@@ -153,6 +174,7 @@ void InotifySource::handle(const platform::InotifyEvent& event, PendingBatch& ba
 
 void InotifySource::dropMovedOut() {
   for (const MoveOut& move : movesOut_) {
+    unwatched_.forget(move.path);
     for (int watch : tree_.subtree(move.path)) {
       inotify_.removeWatch(watch);
       tree_.erase(watch);
