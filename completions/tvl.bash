@@ -38,6 +38,7 @@ _tvl() {
       case "$command" in
         volumes) options="$options --no-probe" ;;
         watch) options="$options --latency" ;;
+        serve) options="$options --rewrite-interval" ;;
         dupes) options="$options -n --limit" ;;
       esac
       if [[ "$cur" == -* ]]; then

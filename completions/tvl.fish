@@ -40,6 +40,7 @@ complete -c tvl -n "__fish_seen_subcommand_from scan content serve watch" -F
 complete -c tvl -n "__fish_seen_subcommand_from dupes explain" -F
 complete -c tvl -n "__fish_seen_subcommand_from volumes" -l no-probe -d 'Do not look inside volume roots'
 complete -c tvl -n "__fish_seen_subcommand_from watch" -l latency -x -d 'Seconds to gather events'
+complete -c tvl -n "__fish_seen_subcommand_from serve" -l rewrite-interval -x -d 'Least seconds between index rewrites'
 complete -c tvl -n "__fish_seen_subcommand_from dupes query" -s n -l limit -x -d 'Most results'
 complete -c tvl -n "__fish_seen_subcommand_from query pick" -s 0 -l null -d 'Separate paths with NUL'
 complete -c tvl -n "__fish_seen_subcommand_from query" -l catalogs -d 'Also search the offline catalogs'

@@ -174,6 +174,9 @@ TEST_F(IndexUpdaterTest, RescanCarriesAttributesAndMatchesAFreshScan) {
   ASSERT_TRUE(rescanned);
   EXPECT_EQ(liveRecords(store(*rescanned)), liveRecords(scanned(true)));
   EXPECT_FALSE(updater_.rescan(*before, [] { return false; }));
+  // A root that is gone keeps its records: there is nothing to publish.
+  fs::remove_all(tree_->root());
+  EXPECT_FALSE(updater_.rescan(*before, [] { return true; }));
 }
 
 TEST_F(IndexUpdaterTest, CompactingDropsDeletedRecordsAndTheirSubtrees) {

@@ -1,6 +1,7 @@
 // tvl serve and tvl status as processes on a temporary home: tvl search through the service
 // prints what the direct path prints, a second service on the same index is refused, status
-// reports, and a stop signal removes the socket and ends the service cleanly.
+// reports, a stop signal removes the socket and ends the service cleanly, changes on disk reach
+// searches and the index file, and a kill at any moment leaves an index that loads.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,8 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <nlohmann/json.hpp>
+#include <random>
 #include <thread>
 
 #include "support/IndexFixture.h"
@@ -221,6 +224,55 @@ TEST_F(ServeCommandTest, WithoutAUsableIndexTheRootIsScannedFirst) {
   EXPECT_EQ(testing::maskMilliseconds(found.out),
             "  " + (tree / "docs/plan.txt").string() + "\n  " +
                 (tree / "docs/old/plan-b.txt").string() + "\n\n2 matches in Tms (showing 2)\n");
+}
+
+TEST_F(ServeCommandTest, ChangesOnDiskReachSearchesAndTheIndexFile) {
+  TempTree tree({"docs/plan.txt", "docs/gone.txt", "music/"});
+  ServeProcess service(home_.root().string(), {"--rewrite-interval", "0", tree.root().string()});
+  ASSERT_TRUE(service.ready()) << service.err();
+  tree.add("docs/fresh-note.txt");
+  tree.add("music/new/album/fresh-song.mp3");
+  std::filesystem::remove(tree / "docs/gone.txt");
+  auto lists = [&](const std::string& query, size_t matches) {
+    return search(query).out.find("\n" + std::to_string(matches) + " matches") != std::string::npos;
+  };
+  EXPECT_TRUE(eventually([&] { return lists("fresh", 2) && lists("gone", 0); }))
+      << search("fresh").out << search("gone").out;
+  auto status = nlohmann::json::parse(runTool({"status", "--json"}, home_.root().string()).out);
+  EXPECT_EQ(status["watchMode"], "inotify");
+  EXPECT_GE(status["deletedEntries"].get<int>(), 1);
+
+  ASSERT_EQ(service.stop(), 0) << service.err();
+  // Without the service, the file on disk has the changes.
+  EXPECT_TRUE(lists("fresh", 2) && lists("gone", 0)) << search("fresh").out;
+}
+
+TEST_F(ServeCommandTest, KilledAtAnyMomentLeavesAnIndexThatLoads) {
+  TempTree tree({"base/a.txt"});
+  std::atomic<bool> changing = true;
+  std::thread changer([&] {
+    for (int round = 0; changing; ++round) {
+      std::string folder = "churn" + std::to_string(round % 4);
+      for (int i = 0; i < 20; ++i) tree.add(folder + "/f" + std::to_string(i) + ".txt");
+      std::filesystem::remove_all(tree / folder);
+    }
+  });
+  std::mt19937 random(7);
+  for (int kill = 0; kill < 8; ++kill) {
+    SCOPED_TRACE(kill);
+    ServeProcess service(home_.root().string(), {"--rewrite-interval", "0", tree.root().string()});
+    ASSERT_TRUE(service.ready()) << service.err();
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
+    service.stop(SIGKILL);
+    auto loaded = loadIndex(indexPath());
+    ASSERT_TRUE(std::holds_alternative<std::shared_ptr<const IndexStore>>(loaded));
+    // No temporary file is mistaken for the index; the next start goes on from the file.
+  }
+  changing = false;
+  changer.join();
+  ServeProcess last(home_.root().string(), {tree.root().string()});
+  ASSERT_TRUE(last.ready()) << last.err();
+  EXPECT_EQ(last.out().find("No usable index"), std::string::npos) << last.out();
 }
 
 }  // namespace

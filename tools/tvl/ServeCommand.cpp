@@ -4,7 +4,9 @@
 // changed and removes the socket.
 
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 #include <variant>
@@ -26,19 +28,33 @@ namespace {
 constexpr int64_t kSeedDepth = 3;
 constexpr double kProgressInterval = 0.1;
 
+constexpr OptionSyntax kOptions[] = {
+    {"rewrite-interval", 0, "SECONDS",
+     "least time between two rewrites of the index file while files change (default 30)"},
+};
+
 constexpr CommandSyntax kSyntax{
-    "tvl serve [root]",
+    "tvl serve [--rewrite-interval SECONDS] [root]",
     "Runs the search service in the foreground until interrupted (SIGINT or SIGTERM).\n"
     "It answers `tvl search` from memory through a socket beside the index and keeps the\n"
     "index current as files change. When there is no usable index, it first scans root\n"
     "(default: the home folder), as `tvl scan` does, and fills sizes and dates.",
-    {},
-    0,
-    1};
+    kOptions, 0, 1};
 
 tarvolin::ScanPolicy policyFor(const std::string& root) {
   return tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()}.adding(
       tarvolin::ScanPolicy::mountExclusions(root));
+}
+
+std::chrono::milliseconds rewriteInterval(const ParsedOptions& options) {
+  std::optional<std::string> text = options.value("rewrite-interval");
+  if (!text) return std::chrono::seconds(30);
+  char* end = nullptr;
+  double seconds = std::strtod(text->c_str(), &end);
+  if (text->empty() || *end != '\0' || !(seconds >= 0) || seconds > 86400) {
+    usageError(kSyntax, "--rewrite-interval takes a number of seconds from 0 to 86400");
+  }
+  return std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000));
 }
 
 std::string absoluteRoot(const std::string& root) {
@@ -91,6 +107,7 @@ std::shared_ptr<const tarvolin::IndexStore> loadOrScan(
 
 int runServe(const Context& context) {
   ParsedOptions options = parseOptions(kSyntax, context.words);
+  std::chrono::milliseconds interval = rewriteInterval(options);
   std::string root =
       absoluteRoot(options.operands().empty() ? context.home : options.operands().front());
   std::filesystem::path folder = context.indexPath.parent_path();
@@ -121,7 +138,9 @@ int runServe(const Context& context) {
     roots.push_back(volume.mountPath);
   }
   tarvolin::ScanPolicy policy = policyFor(roots.empty() ? root : roots.front());
-  tarvolin::WatchedIndex index(context.indexPath, store, policy, context.home);
+  tarvolin::WatchedIndex::Options watchOptions;
+  watchOptions.rewriteInterval = interval;
+  tarvolin::WatchedIndex index(context.indexPath, store, policy, context.home, watchOptions);
   index.start();
   std::optional<tarvolin::ServiceServer> server;
   try {

@@ -332,22 +332,31 @@ std::optional<uint32_t> IndexUpdater::findFolder(const IndexStore& store,
 std::optional<IndexBuilder> IndexUpdater::rescan(const IndexStore& store,
                                                  const std::function<bool()>& shouldContinue) {
   DirectoryScanner scanner(policy_, 3, 0, home_);
-  std::optional<IndexBuilder> merged;
+  IndexBuilder merged;
+  bool scannedAny = false;
   const std::vector<VolumeEntry>& volumes = store.header().volumes;
+  platform::DirectoryReader probe;
   for (size_t volume = 0; volume < volumes.size(); ++volume) {
-    ScanResult scanned =
-        scanner.scan(volumes[volume].mountPath, static_cast<uint8_t>(volume), {}, shouldContinue);
+    auto index = static_cast<uint8_t>(volume);
+    // A root that cannot be opened (an unplugged drive, say) keeps its records as they were.
+    if (probe.open(volumes[volume].mountPath.c_str()) != 0) {
+      merged.copyVolume(store, index, index);
+      continue;
+    }
+    probe.close();
+    ScanResult scanned = scanner.scan(volumes[volume].mountPath, index, {}, shouldContinue);
     if (scanned.cancelled) return std::nullopt;
-    if (!merged) {
+    scannedAny = true;
+    if (merged.recordCount() == 0) {
       merged = std::move(scanned.builder);
     } else {
-      merged->merge(scanned.builder, FileRecord::rootParentID);
+      merged.merge(scanned.builder, FileRecord::rootParentID);
     }
   }
-  if (!merged) return std::nullopt;
+  if (!scannedAny) return std::nullopt;
   if (store.header().attrsCompleteness != AttrsCompleteness::none) {
-    AttributeCarryForward::carry(store, *merged);
-    AttributeFiller::fill(*merged, shouldContinue, true, AttributeFiller::Appetite::working, {});
+    AttributeCarryForward::carry(store, merged);
+    AttributeFiller::fill(merged, shouldContinue, true, AttributeFiller::Appetite::working, {});
   }
   if (!shouldContinue()) return std::nullopt;
   return merged;

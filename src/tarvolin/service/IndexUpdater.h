@@ -48,7 +48,8 @@ class IndexUpdater {
                                     Tally* tally = nullptr);
 
   /// Scans every volume root of `store` again from scratch; sizes and times of entries at the same
-  /// path are carried over from `store`, and the rest are filled when `store` keeps them.
+  /// path are carried over from `store`, and the rest are filled when `store` keeps them. A root
+  /// that cannot be opened keeps its records; when no root can, nothing is returned.
   /// `shouldContinue` is asked before each folder; a stop returns nothing.
   std::optional<IndexBuilder> rescan(const IndexStore& store,
                                      const std::function<bool()>& shouldContinue);
