@@ -120,5 +120,16 @@ TEST_F(WatchedIndexTest, AFailedRewriteIsReportedAndTheOldFileStays) {
   EXPECT_FALSE(index->lastWriteError().empty());
 }
 
+TEST_F(WatchedIndexTest, SubtreesPastTheWatchCapAreNamedAndListedOnATimer) {
+  WatchedIndex::Options options;
+  options.watch.watchCap = 1;  // the root only
+  options.unwatchedInterval = 200ms;
+  auto index = watch(options);
+  ASSERT_TRUE(eventually([&] { return !index->status().unwatched.empty(); }));
+  tree_.add("keep/deep/unseen.txt");
+  // No watch sees it; the slow timer's listing does.
+  ASSERT_TRUE(eventually([&] { return has(*index->current(), "keep/deep/unseen.txt"); }));
+}
+
 }  // namespace
 }  // namespace tarvolin

@@ -101,6 +101,16 @@ void WatchedIndex::onSignal(const FileSystemWatcherSignal& signal) {
       break;
   }
   if (records) publishRecords(std::move(*records));
+  std::vector<std::string> unwatched = watcher_->unwatchedFolders();
+  bool wake = false;
+  {
+    std::lock_guard guard(lock_);
+    if (unwatched != unwatched_) {
+      wake = unwatched_.empty() && !unwatched.empty();  // the slow rescans start now
+      unwatched_ = std::move(unwatched);
+    }
+  }
+  if (wake) wake_.notify_all();
 }
 
 void WatchedIndex::rescanUnwatched() {
