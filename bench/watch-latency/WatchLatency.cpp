@@ -1,13 +1,19 @@
 // Times the change watcher as its owner sees it.
 //
-//   tarvolin_watch_latency burst [--backend inotify|fanotify] [--folders N] [--files N] [DIR]
+//   tarvolin_watch_latency burst [--backend inotify|fanotify] [--folders N] [--files N]
+//                                [--outside N] [DIR]
 //     Watches a fresh folder inside DIR (default /tmp) with latency 0, then makes N folders with
 //     the files spread over them as fast as one thread can, and reports, per file, the time from
 //     its creation to the first signal naming its folder that was delivered after it: p50, p99,
 //     max, and how many files no signal covered (lost) within 10 s, and whether a rescan came.
+//     With --outside, N more files are made at the same time in a folder beside the watched one
+//     (the same file system, not watched, 100 a folder), as on a busy disk. The CPU time of the
+//     watcher (every thread but the one making files) and of the writer is reported too.
 //   tarvolin_watch_latency setup [--backend ...] [--folders N] DIR
 //     Makes DIR with N folders (kept when it is already there with that many), then times
 //     start() of a watcher on it.
+
+#include <time.h>
 
 #include <algorithm>
 #include <chrono>
@@ -37,6 +43,7 @@ struct Arguments {
   WatchBackend backend = WatchBackend::inotify;
   size_t folders = 1000;
   size_t files = 10000;
+  size_t outside = 0;
   std::string dir = "/tmp";
 };
 
@@ -85,9 +92,18 @@ double milliseconds(Clock::duration duration) {
   return std::chrono::duration<double, std::milli>(duration).count();
 }
 
+/// CPU time (user and system) so far of the whole process, or of the calling thread only.
+double cpuMilliseconds(clockid_t clock) {
+  timespec time{};
+  clock_gettime(clock, &time);
+  return time.tv_sec * 1000.0 + time.tv_nsec / 1e6;
+}
+
 int burst(const Arguments& args) {
   fs::path root = fs::path(args.dir) / ("tarvolin-watch-latency-" + std::to_string(getpid()));
   fs::create_directories(root);
+  fs::path beside = root.string() + "-outside";
+  fs::create_directories(beside);
   Deliveries deliveries;
   std::vector<std::pair<std::string, Clock::time_point>> made;  // folder, when the file was made
   made.reserve(args.files);
@@ -104,6 +120,9 @@ int burst(const Arguments& args) {
       return 1;
     }
     auto began = Clock::now();
+    double processBegan = cpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID);
+    double writerBegan = cpuMilliseconds(CLOCK_THREAD_CPUTIME_ID);
+    size_t outsideMade = 0;
     size_t perFolder = (args.files + args.folders - 1) / args.folders;
     for (size_t folder = 0, file = 0; folder < args.folders; ++folder) {
       fs::path path = root / ("d" + std::to_string(folder));
@@ -113,6 +132,12 @@ int burst(const Arguments& args) {
         // writing thread gets to read the clock after closing it.
         made.emplace_back(path.string(), Clock::now());
         std::ofstream(path / ("f" + std::to_string(i) + ".txt")) << "x";
+        // The outside files keep pace with the watched ones.
+        for (; outsideMade * args.files < (file + 1) * args.outside; ++outsideMade) {
+          fs::path folder = beside / ("o" + std::to_string(outsideMade / 100));
+          if (outsideMade % 100 == 0) fs::create_directory(folder);
+          std::ofstream(folder / ("f" + std::to_string(outsideMade % 100) + ".txt")) << "x";
+        }
       }
     }
     auto madeAll = Clock::now();
@@ -127,6 +152,9 @@ int burst(const Arguments& args) {
         ++lost;
       }
     }
+    // Everything but the thread making the files: the watcher's reader and its handler.
+    double writer = cpuMilliseconds(CLOCK_THREAD_CPUTIME_ID) - writerBegan;
+    double watching = cpuMilliseconds(CLOCK_PROCESS_CPUTIME_ID) - processBegan - writer;
     watcher.stop();
     std::sort(latencies.begin(), latencies.end());
     auto percentile = [&](double p) {
@@ -134,13 +162,15 @@ int burst(const Arguments& args) {
       return latencies[std::min(latencies.size() - 1, static_cast<size_t>(p * latencies.size()))];
     };
     std::printf(
-        "%s: %zu files in %zu new folders made in %.0f ms; latency p50 %.2f ms, p99 %.2f ms, "
-        "max %.2f ms; lost %zu; rescans %zu\n",
-        backendName(args.backend), made.size(), args.folders, milliseconds(madeAll - began),
-        percentile(0.50), percentile(0.99), latencies.empty() ? 0.0 : latencies.back(), lost,
-        deliveries.rescans());
+        "%s: %zu files in %zu new folders (and %zu outside) made in %.0f ms; latency p50 %.2f "
+        "ms, p99 %.2f ms, max %.2f ms; lost %zu; rescans %zu; cpu: watcher %.0f ms, writer %.0f "
+        "ms\n",
+        backendName(args.backend), made.size(), args.folders, outsideMade,
+        milliseconds(madeAll - began), percentile(0.50), percentile(0.99),
+        latencies.empty() ? 0.0 : latencies.back(), lost, deliveries.rescans(), watching, writer);
   }
   fs::remove_all(root);
+  fs::remove_all(beside);
   return 0;
 }
 
@@ -205,7 +235,7 @@ int main(int argc, char** argv) {
   if (words.empty() || (words[0] != "burst" && words[0] != "setup")) {
     std::fprintf(stderr,
                  "usage: %s burst|setup [--backend inotify|fanotify] [--folders N] "
-                 "[--files N] [DIR]\n",
+                 "[--files N] [--outside N] [DIR]\n",
                  argv[0]);
     return 2;
   }
@@ -215,6 +245,8 @@ int main(int argc, char** argv) {
       args.backend = words[++i] == "fanotify" ? WatchBackend::fanotify : WatchBackend::inotify;
     } else if (words[i] == "--folders" && i + 1 < words.size()) {
       args.folders = std::stoul(words[++i]);
+    } else if (words[i] == "--outside" && i + 1 < words.size()) {
+      args.outside = std::stoul(words[++i]);
     } else if (words[i] == "--files" && i + 1 < words.size()) {
       args.files = std::stoul(words[++i]);
     } else {

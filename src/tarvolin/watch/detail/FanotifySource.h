@@ -10,7 +10,9 @@
 // changes or ends the paths of everything below it.
 //
 // A folder made or moved in is named itself, with every folder inside it: entries moved in with
-// it have no events of their own.
+// it have no events of their own. The two halves of a rename are not paired (fanotify gives them
+// no cookie), so a folder renamed inside the roots is named whole in the same way: more than
+// the two parents inotify names, never less.
 
 #include <cstdint>
 #include <memory>
