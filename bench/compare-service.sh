@@ -10,7 +10,11 @@
 # hyperfine runs `tvl search Q` (through the service), the same without the service is not
 # repeated here (see compare-search.sh), and `plocate -d DB -i -l 20 Q`. The keystroke figures
 # come from a small client that types every query of `tvl bench` one character at a time on one
-# connection and times each request. Needs hyperfine, plocate and python3 (scripts/install-deps).
+# connection and times each request. Then the background tax: the service's CPU time and context
+# switches over a minute with nothing changing; change-to-searchable latencies
+# (bench/service-change-latency.py, in a folder made inside TREE); and bytes written per hour while
+# 10 files a second change (the index file is rewritten at most once per 30 s).
+# Needs hyperfine, plocate and python3 (scripts/install-deps).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 tree=${1:-/tmp/tarvolin-large-tree}
@@ -28,7 +32,7 @@ cleanup() {
 }
 trap cleanup EXIT
 "$tvl" scan "$tree" >/dev/null
-updatedb -l 0 -U "$tree" -o "$work/plocate.db" --require-visibility no
+updatedb -l 0 -U "$tree" -o "$work/plocate.db"
 "$tvl" serve >"$work/serve.log" 2>&1 &
 serve_pid=$!
 for _ in $(seq 200); do "$tvl" status >/dev/null 2>&1 && break; sleep 0.05; done
@@ -82,3 +86,33 @@ import json, sys
 s = json.load(sys.stdin)
 print(f\"memory: {s['residentBytes']/1e6:.1f} MB resident, index file {s['indexFileBytes']/1e6:.1f} MB, \"
       f\"ratio {s['residentBytes']/s['indexFileBytes']:.2f}x ({s['entries']} entries)\")"
+
+pid=$serve_pid
+cpu_ticks() { awk '{print $14 + $15}' "/proc/$pid/stat"; }
+switches() { cat /proc/$pid/task/*/status | awk '/ctxt_switches/ {n += $2} END {print n}'; }
+echo
+echo "idle: 60 s with nothing changing"
+sleep 5
+t0=$(cpu_ticks); s0=$(switches)
+sleep 60
+t1=$(cpu_ticks); s1=$(switches)
+hz=$(getconf CLK_TCK)
+python3 -c "print(f'  CPU {($t1-$t0)/$hz:.2f} s per minute = {($t1-$t0)/$hz*60:.2f} s per hour; {$s1-$s0} context switches in the minute')"
+
+echo
+echo "change to searchable"
+python3 bench/service-change-latency.py "$tvl" "$tree/.tarvolin-bench-changes"
+
+echo
+echo "bytes written while 10 files a second change, for 65 s"
+churn=$tree/.tarvolin-bench-churn
+mkdir -p "$churn"
+w0=$(awk '/^write_bytes/ {print $2}' /proc/$pid/io); c0=$(cpu_ticks)
+for i in $(seq 650); do
+  touch "$churn/f$((i % 50))"; [ $((i % 2)) = 0 ] && rm -f "$churn/f$(((i + 25) % 50))"
+  sleep 0.1
+done
+w1=$(awk '/^write_bytes/ {print $2}' /proc/$pid/io); c1=$(cpu_ticks)
+rm -rf "$churn"
+python3 -c "print(f'  {($w1-$w0)/1e6:.1f} MB written in 65 s = {($w1-$w0)/1e6*3600/65/1e3:.2f} GB per hour; CPU {($c1-$c0)/$hz:.1f} s in 65 s')"
+

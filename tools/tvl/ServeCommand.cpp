@@ -15,6 +15,7 @@
 #include "Commands.h"
 #include "Output.h"
 #include "tarvolin/index/IndexWriter.h"
+#include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/ProcessControl.h"
 #include "tarvolin/scan/AttributeFiller.h"
 #include "tarvolin/scan/DirectoryScanner.h"
@@ -130,6 +131,8 @@ int runServe(const Context& context) {
     return 1;
   }
 
+  // Each update builds and drops tables the size of the index: their pages must go back.
+  tarvolin::platform::keepLargeBlocksSeparate();
   // Before any thread starts, so that only the wait below receives them.
   tarvolin::platform::StopSignals stopSignals;
   std::shared_ptr<const tarvolin::IndexStore> store = loadOrScan(context, root, stopSignals);
@@ -140,7 +143,10 @@ int runServe(const Context& context) {
   tarvolin::ScanPolicy policy = policyFor(roots.empty() ? root : roots.front());
   tarvolin::WatchedIndex::Options watchOptions;
   watchOptions.rewriteInterval = interval;
-  tarvolin::WatchedIndex index(context.indexPath, store, policy, context.home, watchOptions);
+  uint32_t entries = store->count();
+  // Moved: once changes replace it, the loaded file's mapping goes.
+  tarvolin::WatchedIndex index(context.indexPath, std::move(store), policy, context.home,
+                               watchOptions);
   index.start();
   std::optional<tarvolin::ServiceServer> server;
   try {
@@ -150,7 +156,7 @@ int runServe(const Context& context) {
                       error.code().message());
     return 1;
   }
-  output::line("Serving " + context.indexPath.string() + " (" + std::to_string(store->count()) +
+  output::line("Serving " + context.indexPath.string() + " (" + std::to_string(entries) +
                " entries) at " + socketPath.string());
   output::flush();
 

@@ -10,6 +10,11 @@
 
 namespace tarvolin::platform {
 
+void keepLargeBlocksSeparate() {
+  // Setting the threshold also turns off its automatic adjustment.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
+}
+
 void releaseFreeMemory() { ::malloc_trim(0); }
 
 void adviseFillingSoon(const void* data, size_t bytes) {

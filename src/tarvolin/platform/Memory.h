@@ -11,6 +11,11 @@ namespace tarvolin::platform {
 /// Releases the whole free pages of every heap arena (glibc malloc_trim).
 void releaseFreeMemory();
 
+/// Makes every heap block of 1 MiB or more a mapping of its own, returned to the system when
+/// freed. By default the allocator raises that threshold after large frees, so a long-running
+/// process that builds and drops large tables in turn keeps their pages in its heap.
+void keepLargeBlocksSeparate();
+
 /// Hints that the untouched memory [data, data + bytes) is about to be filled in full: the
 /// kernel may back it with huge pages, one fault per 2 MiB instead of one per 4 KiB. Only the
 /// whole pages inside the range are advised; the contents are not changed. Ignored where

@@ -285,7 +285,7 @@ IndexUpdater::IndexUpdater(ScanPolicy policy, std::string home)
     : policy_(std::move(policy)), home_(std::move(home)) {}
 
 const ChildrenIndex& IndexUpdater::childrenOf(const std::shared_ptr<const IndexStore>& store) {
-  if (store != indexedStore_ || !children_) {
+  if (store != indexedStore_.lock() || !children_) {
     children_.emplace(*store);
     indexedStore_ = store;
   }

@@ -65,8 +65,9 @@ class IndexUpdater {
 
   ScanPolicy policy_;
   std::string home_;
-  // The children table of the last store seen: one per store, not one per update.
-  std::shared_ptr<const IndexStore> indexedStore_;
+  // The children table of the last store seen: one per store, not one per update. Weak, so
+  // that a replaced store's memory goes as soon as searches are done with it.
+  std::weak_ptr<const IndexStore> indexedStore_;
   std::optional<ChildrenIndex> children_;
 };
 

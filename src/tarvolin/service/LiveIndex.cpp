@@ -14,10 +14,15 @@ int64_t secondsNow() {
       .count();
 }
 
+std::shared_ptr<const TrigramIndex> trigramsOf(const IndexStore& store) {
+  return std::make_shared<const TrigramIndex>(TrigramIndex::build(store, [] { return false; }));
+}
+
 }  // namespace
 
 LiveIndex::LiveIndex(std::filesystem::path indexPath, std::shared_ptr<const IndexStore> store)
     : store_(std::move(store)),
+      trigrams_(trigramsOf(*store_)),
       lastChangeAt_(secondsNow()),
       indexPath_(std::move(indexPath)),
       startedAt_(lastChangeAt_) {}
@@ -27,9 +32,29 @@ std::shared_ptr<const IndexStore> LiveIndex::current() const {
   return store_;
 }
 
+LiveIndex::Snapshot LiveIndex::snapshot() const {
+  std::lock_guard guard(lock_);
+  return {store_, trigrams_};
+}
+
+void LiveIndex::buildTrigrams(const std::function<bool()>& isCancelled) {
+  std::shared_ptr<const IndexStore> store;
+  {
+    std::lock_guard guard(lock_);
+    if (trigrams_) return;
+    store = store_;
+  }
+  auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store, isCancelled));
+  // A cancelled build is empty and answers "nowhere": never attach one.
+  if (isCancelled()) return;
+  std::lock_guard guard(lock_);
+  if (store_ == store) trigrams_ = std::move(trigrams);
+}
+
 void LiveIndex::publish(std::shared_ptr<const IndexStore> store) {
   std::lock_guard guard(lock_);
   store_ = std::move(store);
+  trigrams_ = nullptr;
   lastChangeAt_ = secondsNow();
 }
 

@@ -1,7 +1,10 @@
 #pragma once
 // The index the service answers from. It starts from a loaded store and hands the current one
 // to every connection; a newer store (after changes on disk were applied) replaces it as a
-// whole, so a search always runs on one consistent store while the next is being made. It
+// whole, so a search always runs on one consistent store while the next is being made. A store
+// that stays current for a while gets a trigram index of its names, so that a search for a rare
+// name looks at a few blocks of records instead of all of them; a new store is served at once
+// without one (its searches scan every name) until its own is built. It
 // also knows what `tvl status` reports about the index: its roots, how they are watched and
 // when it last changed.
 //
@@ -9,12 +12,14 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "tarvolin/index/IndexStore.h"
+#include "tarvolin/query/TrigramIndex.h"
 #include "tarvolin/service/ServiceProtocol.h"
 
 namespace tarvolin {
@@ -29,19 +34,30 @@ class LiveIndex {
 
   /// The store searches should use now.
   std::shared_ptr<const IndexStore> current() const;
+  /// The current store with its trigram index (null while it has none).
+  struct Snapshot {
+    std::shared_ptr<const IndexStore> store;
+    std::shared_ptr<const TrigramIndex> trigrams;
+  };
+  Snapshot snapshot() const;
   const std::filesystem::path& indexPath() const { return indexPath_; }
   /// Everything of a status answer that the index knows (not the connection count).
   virtual ServiceProtocol::StatusAnswer status() const;
 
  protected:
-  /// Replaces the current store; connections move to it with their next request.
+  /// Replaces the current store (without trigrams); connections move to it with their next
+  /// request.
   void publish(std::shared_ptr<const IndexStore> store);
+  /// Builds the trigram index of the current store if it has none; `isCancelled` is polled
+  /// during the build. Does nothing when the store was replaced meanwhile.
+  void buildTrigrams(const std::function<bool()>& isCancelled);
   /// The roots recorded in the store's volume table.
   static std::vector<std::string> rootsOf(const IndexStore& store);
 
   mutable std::mutex lock_;
-  std::shared_ptr<const IndexStore> store_;  // guarded by lock_
-  int64_t lastChangeAt_ = 0;                 // guarded by lock_; seconds since 1970
+  std::shared_ptr<const IndexStore> store_;       // guarded by lock_
+  std::shared_ptr<const TrigramIndex> trigrams_;  // guarded by lock_; of store_
+  int64_t lastChangeAt_ = 0;                      // guarded by lock_; seconds since 1970
 
  private:
   std::filesystem::path indexPath_;

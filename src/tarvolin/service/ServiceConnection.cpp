@@ -21,9 +21,9 @@ Answer ServiceConnection::answer(const Request& request) {
 }
 
 void ServiceConnection::refresh() {
-  std::shared_ptr<const IndexStore> current = index_.current();
-  if (current == store_) return;
-  store_ = std::move(current);
+  LiveIndex::Snapshot current = index_.snapshot();
+  if (current.store == store_) return;
+  store_ = std::move(current.store);
   matcher_ = std::make_unique<Matcher>(store_);
   ranker_ = std::make_unique<Ranker>(store_);
   resolver_ = std::make_unique<PathResolver>(store_);
@@ -32,6 +32,8 @@ void ServiceConnection::refresh() {
   } else {
     session_ = std::make_unique<SearchSession>(store_);
   }
+  matcher_->setTrigrams(current.trigrams);
+  session_->setTrigrams(std::move(current.trigrams));
 }
 
 Answer ServiceConnection::search(const SearchRequest& request) {

@@ -144,6 +144,8 @@ void WatchedIndex::publishRecords(IndexBuilder builder) {
     std::lock_guard guard(lock_);
     deletedEntries_ = deleted;
     changedSinceWrite_ = true;
+    trigramsDue_ = true;
+    lastPublishAt_ = Clock::now();
     ++published_;
   }
   wake_.notify_all();
@@ -158,6 +160,7 @@ void WatchedIndex::rewriteLoop() {
     if (stopping_) return;
     Clock::time_point due = Clock::time_point::max();
     if (changedSinceWrite_) due = lastWrite + options_.rewriteInterval;
+    if (trigramsDue_) due = std::min(due, lastPublishAt_ + options_.trigramDelay);
     if (!unwatched_.empty()) due = std::min(due, nextUnwatchedRescan);
     if (due == Clock::time_point::max()) {
       wake_.wait(guard);  // nothing to do until something changes
@@ -170,6 +173,15 @@ void WatchedIndex::rewriteLoop() {
     if (!unwatched_.empty() && Clock::now() >= nextUnwatchedRescan) {
       nextUnwatchedRescan = Clock::now() + options_.unwatchedInterval;
       work_->submit([this] { rescanUnwatched(); });
+    }
+    if (trigramsDue_ && Clock::now() >= lastPublishAt_ + options_.trigramDelay) {
+      trigramsDue_ = false;
+      guard.unlock();
+      buildTrigrams([this] {
+        std::lock_guard check(lock_);
+        return stopping_ || trigramsDue_;  // stopping, or a newer store came meanwhile
+      });
+      guard.lock();
     }
     if (changedSinceWrite_ && Clock::now() >= lastWrite + options_.rewriteInterval) {
       guard.unlock();

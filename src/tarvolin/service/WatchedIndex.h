@@ -8,7 +8,8 @@
 // When the deleted records pass `compactionShare`, the next published store leaves them out.
 //
 // All work (updates, rescans, rewrites) runs on two background threads at idle I/O priority and
-// a raised nice value: one applies the watcher's batches, one rewrites the file. Neither wakes up
+// a raised nice value: one applies the watcher's batches, one rewrites the file and builds the
+// trigram index of a store that stayed current for `trigramDelay`. Neither wakes up
 // while nothing changes, except for a slow rescan of subtrees the watcher could not cover.
 //
 // `start` and `stop` belong to the owner's thread; everything of LiveIndex to any thread.
@@ -31,8 +32,11 @@
 namespace tarvolin {
 
 struct WatchedIndexOptions {
-  /// Seconds the watcher gathers events after the first of a burst.
-  double latency = 0.05;
+  /// Seconds the watcher gathers events after the first of a burst: under constant change, the
+  /// most updates published per second is about its inverse.
+  double latency = 0.5;
+  /// How long a new store must stay current before its trigram index is built.
+  std::chrono::milliseconds trigramDelay = std::chrono::seconds(1);
   /// The least time between two rewrites of the index file.
   std::chrono::milliseconds rewriteInterval = std::chrono::seconds(30);
   /// The share of deleted records above which the next store is compacted.
@@ -90,6 +94,8 @@ class WatchedIndex : public LiveIndex {
   bool changedSinceWrite_ = false;
   bool stopping_ = false;
   int64_t lastWriteAt_ = 0;
+  std::chrono::steady_clock::time_point lastPublishAt_;
+  bool trigramsDue_ = false;
   uint64_t deletedEntries_ = 0;
   uint64_t published_ = 0;
   std::string lastWriteError_;
