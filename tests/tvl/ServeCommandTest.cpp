@@ -227,10 +227,13 @@ TEST_F(ServeCommandTest, WithoutAUsableIndexTheRootIsScannedFirst) {
 }
 
 TEST_F(ServeCommandTest, ChangesOnDiskReachSearchesAndTheIndexFile) {
-  TempTree tree({"docs/plan.txt", "docs/gone.txt", "music/"});
+  TempTree tree({"docs/gone.txt", "music/"});
+  tree.add("docs/plan.txt", "the old wording");
+  ASSERT_EQ(runTool({"content", (tree / "docs").string()}, home_.root().string()).status, 0);
   ServeProcess service(home_.root().string(), {"--rewrite-interval", "0", tree.root().string()});
   ASSERT_TRUE(service.ready()) << service.err();
-  tree.add("docs/fresh-note.txt");
+  tree.add("docs/fresh-note.txt", "a quuxfresh idea");
+  tree.add("docs/plan.txt", "the quuxnew wording");
   tree.add("music/new/album/fresh-song.mp3");
   std::filesystem::remove(tree / "docs/gone.txt");
   auto lists = [&](const std::string& query, size_t matches) {
@@ -238,6 +241,13 @@ TEST_F(ServeCommandTest, ChangesOnDiskReachSearchesAndTheIndexFile) {
   };
   EXPECT_TRUE(eventually([&] { return lists("fresh", 2) && lists("gone", 0); }))
       << search("fresh").out << search("gone").out;
+  // The documents were read again, and the content index written.
+  auto finds = [&](const std::string& word) {
+    return runTool({"find", word}, home_.root().string()).out.find("plan.txt") != std::string::npos;
+  };
+  EXPECT_TRUE(eventually([&] { return finds("quuxnew") && !finds("old wording"); }));
+  EXPECT_NE(runTool({"find", "quuxfresh"}, home_.root().string()).out.find("fresh-note.txt"),
+            std::string::npos);
   auto status = nlohmann::json::parse(runTool({"status", "--json"}, home_.root().string()).out);
   EXPECT_EQ(status["watchMode"], "inotify");
   EXPECT_GE(status["deletedEntries"].get<int>(), 1);
@@ -273,6 +283,32 @@ TEST_F(ServeCommandTest, KilledAtAnyMomentLeavesAnIndexThatLoads) {
   ServeProcess last(home_.root().string(), {tree.root().string()});
   ASSERT_TRUE(last.ready()) << last.err();
   EXPECT_EQ(last.out().find("No usable index"), std::string::npos) << last.out();
+}
+
+TEST_F(ServeCommandTest, QueryThroughTheServicePrintsWhatTheDirectPathPrints) {
+  std::vector<testing::FixtureEntry> entries = {{"/home/me/report.md"},
+                                                {"/home/me/old/report-2023.md"},
+                                                {"/home/me/raw\xff report.txt"},
+                                                {"/home/me/notes.txt"}};
+  for (int i = 0; i < 30; ++i) entries.push_back({"/home/me/data/report" + std::to_string(i)});
+  writeIndex(entries);
+  const std::vector<std::vector<std::string>> commands = {
+      {"query", "report"},       {"query", "-n", "3", "report"}, {"query", "-0", "report"},
+      {"query", "-c", "report"}, {"query", "-n", "0", "report"}, {"query", "nothing-here"},
+      {"query", "-c", "zzz"},    {"query", "--json", "notes"},   {"query", "fiel"}};
+  std::vector<testing::ToolResult> direct;
+  for (const auto& words : commands) direct.push_back(runTool(words, home_.root().string()));
+
+  ServeProcess service(home_.root().string(), {});
+  ASSERT_TRUE(service.ready()) << service.err();
+  for (size_t i = 0; i < commands.size(); ++i) {
+    testing::ToolResult served = runTool(commands[i], home_.root().string());
+    EXPECT_EQ(served.out, direct[i].out) << i;
+    EXPECT_EQ(served.status, direct[i].status) << i;
+  }
+  // The service answers from memory: without the file, a plain query still works.
+  std::filesystem::remove(indexPath());
+  EXPECT_EQ(runTool({"query", "report"}, home_.root().string()).out, direct[0].out);
 }
 
 }  // namespace

@@ -35,6 +35,7 @@
 #include "tarvolin/query/QueryParser.h"
 #include "tarvolin/query/Ranker.h"
 #include "tarvolin/query/TrigramIndex.h"
+#include "tarvolin/service/ServiceClient.h"
 
 namespace tvl {
 
@@ -337,6 +338,38 @@ void appendPath(std::string& out, const Gathered& gathered, const Entry& entry) 
   }
 }
 
+// A running service for this index answers a plain name query (paths only, or the count) from
+// memory. Nothing when no service runs for this index file, it refuses or fails, or the answer
+// would need more than it sends (JSON fields, catalogs, documents, more than its result limit):
+// the caller then searches the index itself, which also gives every error its own message.
+std::optional<int> queryThroughService(const Context& context, const ParsedOptions& options,
+                                       const std::string& text, uint64_t limit) {
+  namespace protocol = tarvolin::ServiceProtocol;
+  bool count = options.has("count");
+  if (options.json() || options.has("catalogs") || options.has("content")) return std::nullopt;
+  if (!count && (limit == 0 || limit > static_cast<uint64_t>(protocol::maxResultLimit))) {
+    return std::nullopt;
+  }
+  auto client = tarvolin::ServiceClient::connect(protocol::socketPathFor(context.indexPath));
+  if (!client) return std::nullopt;
+  auto answer =
+      client->ask(protocol::SearchRequest{text, false, count ? 1 : static_cast<int64_t>(limit)});
+  const auto* found = answer ? std::get_if<protocol::SearchAnswer>(&*answer) : nullptr;
+  if (found == nullptr || found->indexPath != context.indexPath.string()) return std::nullopt;
+  if (count) {
+    output::line(std::to_string(found->total));
+  } else {
+    ResultWriter writer(options.has("null") ? '\0' : '\n');
+    for (const std::string& path : found->paths) {
+      if (writer.closed()) break;
+      writer.buffer() += path;
+      writer.endRecord();
+    }
+    writer.finish();
+  }
+  return found->total == 0 ? 1 : 0;
+}
+
 }  // namespace
 
 int runQuery(const Context& context) {
@@ -347,6 +380,8 @@ int runQuery(const Context& context) {
     if (!text.empty()) text.push_back(' ');
     text += word;
   }
+
+  if (auto status = queryThroughService(context, options, text, limit)) return *status;
 
   Gathered gathered;
   gathered.sources.push_back({openIndexOrExit(context), "names", 0, nullptr});

@@ -143,6 +143,10 @@ int runServe(const Context& context) {
   tarvolin::ScanPolicy policy = policyFor(roots.empty() ? root : roots.front());
   tarvolin::WatchedIndex::Options watchOptions;
   watchOptions.rewriteInterval = interval;
+  // Documents that change are read again; new ones join where `tvl content` looks by default.
+  watchOptions.contentPath = context.contentPath;
+  watchOptions.contentFolders = {context.home + "/Documents", context.home + "/Desktop",
+                                 context.home + "/Downloads"};
   uint32_t entries = store->count();
   // Moved: once changes replace it, the loaded file's mapping goes.
   tarvolin::WatchedIndex index(context.indexPath, std::move(store), policy, context.home,

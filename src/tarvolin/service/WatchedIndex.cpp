@@ -59,6 +59,9 @@ void WatchedIndex::start() {
   int niceness = options_.niceness;
   // Every thread the updates start (the scanner's and the filler's workers) inherits this.
   work_->submit([niceness] { platform::lowerThreadPriority(niceness); });
+  if (!options_.contentPath.empty()) {
+    content_ = LiveContent::open(options_.contentPath, options_.contentFolders);
+  }
   rewriter_ = std::thread([this] { rewriteLoop(); });
   watcher_ = std::make_unique<FileSystemWatcher>(
       roots_, FileSystemWatcher::sinceNow, options_.latency, *work_,
@@ -90,6 +93,20 @@ void WatchedIndex::onSignal(const FileSystemWatcherSignal& signal) {
   switch (signal.kind) {
     case FileSystemWatcherSignal::Kind::changedPaths:
       records = updater_.apply(store, signal.paths, false);
+      if (content_) {
+        bool changed;
+        {
+          std::lock_guard guard(contentLock_);
+          changed = content_->update(signal.paths);
+        }
+        if (changed) {
+          {
+            std::lock_guard guard(lock_);
+            contentChangedSinceWrite_ = true;
+          }
+          wake_.notify_all();
+        }
+      }
       break;
     case FileSystemWatcherSignal::Kind::mustFullRescan:
       records = updater_.rescan(*store, [this] {
@@ -159,7 +176,7 @@ void WatchedIndex::rewriteLoop() {
   for (;;) {
     if (stopping_) return;
     Clock::time_point due = Clock::time_point::max();
-    if (changedSinceWrite_) due = lastWrite + options_.rewriteInterval;
+    if (changedSinceWrite_ || contentChangedSinceWrite_) due = lastWrite + options_.rewriteInterval;
     if (trigramsDue_) due = std::min(due, lastPublishAt_ + options_.trigramDelay);
     if (!unwatched_.empty()) due = std::min(due, nextUnwatchedRescan);
     if (due == Clock::time_point::max()) {
@@ -183,7 +200,8 @@ void WatchedIndex::rewriteLoop() {
       });
       guard.lock();
     }
-    if (changedSinceWrite_ && Clock::now() >= lastWrite + options_.rewriteInterval) {
+    if ((changedSinceWrite_ || contentChangedSinceWrite_) &&
+        Clock::now() >= lastWrite + options_.rewriteInterval) {
       guard.unlock();
       rewriteIfChanged();
       lastWrite = Clock::now();
@@ -194,25 +212,36 @@ void WatchedIndex::rewriteLoop() {
 
 void WatchedIndex::rewriteIfChanged() {
   std::shared_ptr<const IndexStore> store;
+  bool content;
   {
     std::lock_guard guard(lock_);
-    if (!changedSinceWrite_) return;
+    if (changedSinceWrite_) store = store_;
+    content = contentChangedSinceWrite_;
     changedSinceWrite_ = false;
-    store = store_;
+    contentChangedSinceWrite_ = false;
   }
+  if (!store && !content) return;
   std::string error;
   try {
-    IndexWriter::copy(*store, indexPath());
+    if (store) IndexWriter::copy(*store, indexPath());
   } catch (const std::exception& failure) {
     error = failure.what();
   }
-  std::lock_guard guard(lock_);
-  lastWriteError_ = error;
-  if (error.empty()) {
-    lastWriteAt_ = secondsNow();
-  } else {
-    changedSinceWrite_ = true;  // try again at the next turn
+  std::string contentError;
+  if (content) {
+    try {
+      std::lock_guard guard(contentLock_);
+      content_->writeIfChanged();
+    } catch (const std::exception& failure) {
+      contentError = failure.what();
+    }
   }
+  std::lock_guard guard(lock_);
+  lastWriteError_ = !error.empty() ? error : contentError;
+  if (store && error.empty()) lastWriteAt_ = secondsNow();
+  // Try again at the next turn.
+  if (!error.empty()) changedSinceWrite_ = true;
+  if (!contentError.empty()) contentChangedSinceWrite_ = true;
 }
 
 ServiceProtocol::StatusAnswer WatchedIndex::status() const {

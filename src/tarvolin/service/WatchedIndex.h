@@ -6,6 +6,8 @@
 // date at most once per `rewriteInterval` while changes go on (and at stop), atomically, so a
 // search without the service sees recent changes too and a kill at any moment leaves a whole file.
 // When the deleted records pass `compactionShare`, the next published store leaves them out.
+// A content index, when there is one, follows the same folders (see LiveContent) and is
+// rewritten on the same terms.
 //
 // All work (updates, rescans, rewrites) runs on two background threads at idle I/O priority and
 // a raised nice value: one applies the watcher's batches, one rewrites the file and builds the
@@ -18,6 +20,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -26,6 +29,7 @@
 #include "tarvolin/platform/SerialQueue.h"
 #include "tarvolin/scan/ScanPolicy.h"
 #include "tarvolin/service/IndexUpdater.h"
+#include "tarvolin/service/LiveContent.h"
 #include "tarvolin/service/LiveIndex.h"
 #include "tarvolin/watch/FileSystemWatcher.h"
 
@@ -46,6 +50,10 @@ struct WatchedIndexOptions {
   /// The nice value of the background threads.
   int niceness = 10;
   WatchOptions watch;
+  /// The content index to keep current with the names (none when empty or missing), and the
+  /// folders it was built from.
+  std::filesystem::path contentPath;
+  std::vector<std::string> contentFolders;
 };
 
 class WatchedIndex : public LiveIndex {
@@ -83,6 +91,8 @@ class WatchedIndex : public LiveIndex {
   Options options_;
   IndexUpdater updater_;  // used on work_ only
   std::vector<std::string> roots_;
+  std::mutex contentLock_;  // taken by the update of content_ and by its write
+  std::unique_ptr<LiveContent> content_;
   // Destroyed in reverse order: the watcher (whose handlers run on work_) before the queue.
   std::unique_ptr<platform::SerialQueue> work_;
   std::unique_ptr<FileSystemWatcher> watcher_;
@@ -92,6 +102,7 @@ class WatchedIndex : public LiveIndex {
 
   // Guarded by LiveIndex::lock_.
   bool changedSinceWrite_ = false;
+  bool contentChangedSinceWrite_ = false;
   bool stopping_ = false;
   int64_t lastWriteAt_ = 0;
   std::chrono::steady_clock::time_point lastPublishAt_;
