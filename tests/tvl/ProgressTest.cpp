@@ -37,20 +37,27 @@ std::string numbersMasked(const std::string& text) {
 TEST(ProgressTest, DrawnOnATerminalOnlyAndOutputUnchanged) {
   TempTree tree;
   for (int i = 0; i < 40; ++i) tree.add("docs/note" + std::to_string(i) + ".txt", "some words\n");
+  // Enough rows for one report of the importer (one per 65,536 rows).
+  std::string list = "Filename,Size\n";
+  for (int i = 0; i < 70'000; ++i)
+    list += "C:\\d" + std::to_string(i % 50) + "\\f" + std::to_string(i) + ",1\n";
+  tree.add("list.efu", list);
   struct Case {
-    std::vector<std::string> args;  // the folder is appended
+    std::vector<std::string> args;  // followed by `operand`
+    std::string operand;
     std::string unit;
     size_t comparedLines;  // lines of standard output compared (a new catalog's id differs)
   };
   const Case cases[] = {
-      {{"content"}, " documents, ", 99},
-      {{"scan"}, " entries, ", 99},
-      {{"catalog", "add"}, " entries, ", 1},
+      {{"content"}, "docs", " documents, ", 99},
+      {{"scan"}, "docs", " entries, ", 99},
+      {{"catalog", "add"}, "docs", " entries, ", 1},
+      {{"catalog", "efu"}, "list.efu", " rows, ", 0},  // its one line names the new id
   };
   for (const Case& c : cases) {
     TempTree home;
     std::vector<std::string> args = c.args;
-    args.push_back((tree / "docs").string());
+    args.push_back((tree / c.operand).string());
     std::string shown = ::testing::PrintToString(args);
     testing::TerminalResult onTerminal =
         testing::runWithTerminalStderr(TVL_PATH, args, home.root().string());

@@ -514,7 +514,8 @@ int efu(const Context& context, const std::vector<std::string>& words) {
 
   std::optional<tarvolin::EFUImporter::Result> imported;
   try {
-    imported = tarvolin::EFUImporter::build(std::span<const uint8_t>(*bytes));
+    Progress progress("rows");  // erased when the import ends, before anything is printed
+    imported = tarvolin::EFUImporter::build(std::span<const uint8_t>(*bytes), progress.callback());
   } catch (const tarvolin::EFUImporter::EFUError& error) {
     if (error.kind() == tarvolin::EFUImporter::EFUError::Kind::malformedRow) {
       fail(file + ":" + std::to_string(error.line()) + ": malformed row");

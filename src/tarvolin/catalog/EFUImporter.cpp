@@ -390,15 +390,20 @@ void parseCSV(std::string_view bytes, const RowHandler& onRow) {
   }
 }
 
-Result build(std::string_view data) {
+Result build(std::string_view data, const std::function<void(int64_t)>& onProgress) {
+  constexpr int64_t kProgressRows = 65'536;
   Importer importer(data.size());
-  parseCSV(data,
-           [&](int64_t line, std::span<const std::string> fields) { importer.row(line, fields); });
+  int64_t rows = 0;
+  parseCSV(data, [&](int64_t line, std::span<const std::string> fields) {
+    importer.row(line, fields);
+    if (++rows % kProgressRows == 0 && onProgress) onProgress(rows);
+  });
   return importer.finish();
 }
 
-Result build(std::span<const uint8_t> data) {
-  return build(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()));
+Result build(std::span<const uint8_t> data, const std::function<void(int64_t)>& onProgress) {
+  return build(std::string_view(reinterpret_cast<const char*>(data.data()), data.size()),
+               onProgress);
 }
 
 std::vector<std::string> components(std::string_view path) {

@@ -71,8 +71,9 @@ using RowHandler = std::function<void(int64_t line, std::span<const std::string>
 /// Imports a whole list: header, rows, folder sizes, statistics. Every listed row's record is
 /// attrsFilled; folders made only for the paths below them get theirs from the roll-up; files
 /// listed twice give two records. Throws EFUError.
-Result build(std::string_view data);
-Result build(std::span<const uint8_t> data);
+/// `onProgress` (may be empty) hears the number of rows read so far, every 65,536 rows.
+Result build(std::string_view data, const std::function<void(int64_t)>& onProgress = {});
+Result build(std::span<const uint8_t> data, const std::function<void(int64_t)>& onProgress = {});
 
 /// The CSV reader: one pass over `bytes` (a leading byte-order mark skipped), fields split on ","
 /// and rows on "\n" (a "\r" before it dropped), double quotes opening a section anywhere in a
