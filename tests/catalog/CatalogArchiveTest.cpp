@@ -5,6 +5,8 @@
 #include <archive.h>
 #include <archive_entry.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -179,6 +181,27 @@ TEST(CatalogArchiveTest, ExportFallsBackBesideTheDestinationAndCleansUp) {
                ArchiveError);
   EXPECT_EQ(readFile(destination), before);
   EXPECT_EQ(std::distance(fs::directory_iterator(tree.root()), {}), 2);  // catalog + archive
+}
+
+TEST(CatalogArchiveTest, ScratchLeftByAKilledExportGoesWithTheNextOne) {
+  TempTree tree{"catalog/"};
+  CatalogFiles files = goodCatalog();
+  writeFile(tree / "catalog/index.bin", files.index);
+  files.info.write(tree / "catalog/info.json");
+  // The id of a process that has ended, and of one that runs (this one).
+  pid_t child = fork();
+  if (child == 0) _exit(0);
+  waitpid(child, nullptr, 0);
+  fs::path abandoned = tree / (".catalog-export-" + std::to_string(child) + "-A");
+  fs::path running = tree / (".catalog-export-" + std::to_string(getpid()) + "-B");
+  fs::create_directories(abandoned);
+  writeFile(abandoned / "Photos.tarvolincatalog", "half an archive");
+  fs::create_directories(running);
+
+  CatalogArchive::exportCatalog(tree / "catalog", tree / "Photos.tarvolincatalog");
+  EXPECT_FALSE(fs::exists(abandoned));
+  EXPECT_TRUE(fs::exists(running));
+  EXPECT_TRUE(fs::exists(tree / "Photos.tarvolincatalog"));
 }
 
 TEST(CatalogArchiveTest, DotSlashNamesAreTheSameNames) {

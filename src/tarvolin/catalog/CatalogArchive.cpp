@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cstdlib>
 #include <optional>
 #include <system_error>
 #include <variant>
@@ -17,6 +18,7 @@
 #include "tarvolin/index/PathResolver.h"
 #include "tarvolin/platform/AtomicFile.h"
 #include "tarvolin/platform/FileDescriptor.h"
+#include "tarvolin/platform/ProcessControl.h"
 #include "tarvolin/platform/Unicode.h"
 
 namespace tarvolin::CatalogArchive {
@@ -289,9 +291,35 @@ void writeZip(const fs::path& folder, const fs::path& archivePath) {
   output.close();
 }
 
+// Scratch items carry the id of the process that made them ("<prefix><pid>-<uuid>"): an export
+// that was killed leaves its own, which the next export in the same folder removes.
+std::string scratchName(std::string_view prefix) {
+  return std::string(prefix) + std::to_string(platform::processID()) + "-" +
+         detail::newUUIDString();
+}
+
+void removeAbandoned(const fs::path& folder, std::string_view prefix) {
+  std::error_code error;
+  for (fs::directory_iterator it(folder, error), end; !error && it != end; it.increment(error)) {
+    std::string name = it->path().filename().string();
+    if (!name.starts_with(prefix)) continue;
+    size_t dash = name.find('-', prefix.size());
+    if (dash == std::string::npos) continue;
+    int64_t pid =
+        std::strtoll(name.substr(prefix.size(), dash - prefix.size()).c_str(), nullptr, 10);
+    if (pid <= 0 || platform::processExists(pid)) continue;
+    std::error_code ignored;
+    fs::remove_all(it->path(), ignored);
+  }
+}
+
+constexpr std::string_view kScratchPrefix = ".catalog-export-";
+constexpr std::string_view kStagingPrefix = "tarvolin-catalog-";
+
 fs::path defaultScratchDirectory(const fs::path& destination) {
   fs::path parent = fs::absolute(destination).parent_path();
-  fs::path scratch = parent / (".catalog-export-" + detail::newUUIDString());
+  removeAbandoned(parent, kScratchPrefix);
+  fs::path scratch = parent / scratchName(kScratchPrefix);
   fs::create_directory(scratch);
   return scratch;
 }
@@ -302,7 +330,8 @@ void exportCatalog(const fs::path& catalogDirectory, const fs::path& destination
 
 void exportCatalog(const fs::path& catalogDirectory, const fs::path& destination,
                    const ScratchDirectory& scratchDirectory, const Zip& zip) {
-  fs::path staging = fs::temp_directory_path() / ("catalog-" + detail::newUUIDString());
+  removeAbandoned(fs::temp_directory_path(), kStagingPrefix);
+  fs::path staging = fs::temp_directory_path() / scratchName(kStagingPrefix);
   fs::create_directories(staging);
   TemporaryItem stagingRemoval(staging);
   for (std::string_view name : kMembers) fs::copy_file(catalogDirectory / name, staging / name);

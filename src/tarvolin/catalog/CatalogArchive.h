@@ -95,7 +95,8 @@ void exportCatalog(const std::filesystem::path& catalogDirectory,
                    const ScratchDirectory& scratchDirectory, const Zip& zip);
 
 /// The default ScratchDirectory: a new hidden folder beside the destination, so the final
-/// replacement is a rename within one file system.
+/// replacement is a rename within one file system. Folders left there by an export that was
+/// killed (their process is gone) are removed first.
 std::filesystem::path defaultScratchDirectory(const std::filesystem::path& destination);
 /// The default Zip: a zip archive of the two files, compressed, written and synced.
 void writeZip(const std::filesystem::path& folder, const std::filesystem::path& archive);

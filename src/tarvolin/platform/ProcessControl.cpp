@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 
 #include "tarvolin/platform/SystemError.h"
 
@@ -45,6 +46,11 @@ uint64_t residentBytes() {
 }
 
 int64_t processID() { return ::getpid(); }
+
+bool processExists(int64_t pid) {
+  if (pid <= 0 || pid > std::numeric_limits<pid_t>::max()) return false;
+  return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM;
+}
 
 void lowerThreadPriority(int niceness) {
   auto thread = static_cast<int>(::syscall(SYS_gettid));

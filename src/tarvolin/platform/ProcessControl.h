@@ -17,6 +17,10 @@ uint64_t residentBytes();
 /// This process's id.
 int64_t processID();
 
+/// True when a process with this id exists (kill with signal 0; a process of another user
+/// counts). False for ids that cannot name a process (0 or below).
+bool processExists(int64_t pid);
+
 /// Puts the calling thread in the idle I/O class (ioprio_set) and raises its nice value to
 /// `niceness`, so background rescans and rewrites yield to everything the user does. Best
 /// effort: what the system refuses is left as it was. Threads started afterwards by this
