@@ -18,7 +18,7 @@ large=${1:-/tmp/tarvolin-large-tree}
 ten=${2:-/tmp/tarvolin-catalog-tree}
 build=${BUILD:-$PWD/build/release}
 tvl=$build/tvl
-scanbench=$build/bench/tarvolin_bench_scan
+scanbench=$build/bench/tarvolin_bench
 [ -x "$tvl" ] || { echo "build the release preset first" >&2; exit 1; }
 [ -d "$large" ] || scripts/make-large-tree "$large"
 if [ ! -f "$ten/.complete" ]; then
