@@ -51,7 +51,7 @@ else
   echo "(no $scanbench: the filler's time is taken as 0)"; fill=0
 fi
 printf '%-34s %10.1f ms\n' "tvl catalog add" "$add" "tvl scan" "$scan" "attribute filler" "$fill"
-printf '%-34s %10s   (goal <= 1.20)\n' "add / (scan + fill)" "$(ratio "$add" "$scan + $fill")"
+printf '%-34s %10s   (goal <= 1.20)\n' "add / (scan + fill)" "$(ratio "$add" "($scan + $fill)")"
 
 echo
 echo "== tvl catalog search over ten catalogs vs tvl search over one index ($ten)"
