@@ -2,8 +2,8 @@
 // name gives the same live paths (and attributes) as a fresh scan, old records keep their IDs,
 // and an update with nothing to do returns nothing.
 
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -39,7 +39,7 @@ std::map<std::string, Live> liveRecords(const std::shared_ptr<const IndexStore>&
     const FileRecord& record = (*store)[id];
     if (record.flags.contains(RecordFlags::deleted)) continue;
     live[paths.absolutePath(id)] = {record.size, record.mtime,
-                            record.flags.contains(RecordFlags::isDirectory)};
+                                    record.flags.contains(RecordFlags::isDirectory)};
   }
   return live;
 }
