@@ -12,47 +12,30 @@
 #include "tarvolin/scan/AttributeCarryForward.h"
 #include "tarvolin/scan/AttributeFiller.h"
 #include "tarvolin/scan/DirectoryScanner.h"
+#include "tarvolin/service/detail/FolderPaths.h"
 
 namespace tarvolin {
 
 namespace {
 
+using service_detail::componentsOf;
+using service_detail::isBelowOrAt;
+using service_detail::joinPath;
+using service_detail::parentPath;
+
 constexpr RecordFlags kKindFlags{RecordFlags::isDirectory, RecordFlags::isSymlink};
-
-// The components of an absolute path, empty ones skipped ("/a//b/" gives "a", "b").
-std::vector<std::string_view> componentsOf(std::string_view path) {
-  std::vector<std::string_view> parts;
-  size_t at = 0;
-  while (at < path.size()) {
-    size_t end = path.find('/', at);
-    if (end == std::string_view::npos) end = path.size();
-    if (end > at) parts.push_back(path.substr(at, end - at));
-    at = end + 1;
-  }
-  return parts;
-}
-
-std::string joinPath(std::string_view folder, std::string_view name) {
-  std::string path(folder);
-  if (path.empty() || path.back() != '/') path.push_back('/');
-  path.append(name);
-  return path;
-}
-
-std::string_view parentPath(std::string_view path) {
-  size_t slash = path.rfind('/');
-  if (slash == std::string_view::npos || slash == 0) return "/";
-  return path.substr(0, slash);
-}
-
-bool isBelowOrAt(std::string_view path, std::string_view folder) {
-  if (folder == "/") return true;
-  return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
-}
 
 uint32_t clampedTime(int64_t seconds) {
   return static_cast<uint32_t>(
       std::clamp<int64_t>(seconds, 0, std::numeric_limits<uint32_t>::max()));
+}
+
+// The size and time a record keeps for a listed entry: folders have size 0, as the filler
+// records them.
+std::pair<uint64_t, uint32_t> attributesOf(const platform::EntryStatus& status,
+                                           platform::EntryType type) {
+  uint64_t size = type == platform::EntryType::directory ? 0 : static_cast<uint64_t>(status.size);
+  return {size, clampedTime(status.modificationTime)};
 }
 
 RecordFlags flagsFor(std::string_view name, platform::EntryType type) {
@@ -196,9 +179,7 @@ class IndexUpdater::Pass {
   void refresh(uint32_t id, std::string_view name, platform::EntryType type) {
     std::optional<platform::EntryStatus> status = reader_.statEntry(std::string(name).c_str());
     if (!status) return;
-    uint64_t size =
-        type == platform::EntryType::directory ? 0 : static_cast<uint64_t>(status->size);
-    uint32_t mtime = clampedTime(status->modificationTime);
+    auto [size, mtime] = attributesOf(*status, type);
     const FileRecord& record = store_[id];
     if (record.flags.contains(RecordFlags::attrsFilled) && record.size == size &&
         record.mtime == mtime) {
@@ -231,9 +212,8 @@ class IndexUpdater::Pass {
     ++tally_.added;
     if (withAttributes_) {
       if (std::optional<platform::EntryStatus> status = reader_.statEntry(name.c_str())) {
-        uint64_t size =
-            type == platform::EntryType::directory ? 0 : static_cast<uint64_t>(status->size);
-        builder().setAttributes(id, size, clampedTime(status->modificationTime));
+        auto [size, mtime] = attributesOf(*status, type);
+        builder().setAttributes(id, size, mtime);
       }
     }
     if (type != platform::EntryType::directory) return;

@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "tarvolin/platform/DirectoryReader.h"
+#include "tarvolin/service/detail/FolderPaths.h"
 
 namespace tarvolin {
 
@@ -14,28 +15,16 @@ namespace {
 constexpr double kCompactionThreshold = 0.5;
 
 std::string folderOf(std::string_view path) {
-  size_t slash = path.rfind('/');
-  if (slash == std::string_view::npos || slash == 0) return "/";
-  return std::string(path.substr(0, slash));
-}
-
-bool isBelowOrAt(std::string_view path, std::string_view folder) {
-  return path.starts_with(folder) &&
-         (path.size() == folder.size() || path[folder.size()] == '/' || folder == "/");
+  return std::string(service_detail::parentPath(path));
 }
 
 // True when some component of `folder` is hidden or one the content build never enters.
 bool isSkipped(std::string_view folder) {
-  size_t at = 0;
-  while (at < folder.size()) {
-    size_t end = folder.find('/', at);
-    if (end == std::string_view::npos) end = folder.size();
-    std::string_view part = folder.substr(at, end - at);
-    if (!part.empty() && part[0] == '.') return true;
+  for (std::string_view part : service_detail::componentsOf(folder)) {
+    if (part[0] == '.') return true;
     for (std::string_view skipped : ContentIndexBuilder::skipDirectories) {
       if (part == skipped) return true;
     }
-    at = end + 1;
   }
   return false;
 }
@@ -92,8 +81,9 @@ void LiveContent::rebuildFolderCounts() {
 }
 
 bool LiveContent::isContentFolder(std::string_view folder) const {
-  return std::any_of(folders_.begin(), folders_.end(),
-                     [&](const std::string& top) { return isBelowOrAt(folder, top); });
+  return std::any_of(folders_.begin(), folders_.end(), [&](const std::string& top) {
+    return service_detail::isBelowOrAt(folder, top);
+  });
 }
 
 bool LiveContent::update(const std::vector<std::string>& changedFolders) {
