@@ -145,6 +145,14 @@ TEST_F(LargeIndexTest, EveryStrategyAgreesWithTheGeneralEvaluation) {
       {"/^\xC5\xBF/", true},
       {"/kelvin/ ext:md", true},
       {"/sources/ | draft", true},
+      {"!ext:md !report", true},
+      {"!/colou?r/", true},
+      {"!/kelvin/ !\"final report\"", true},
+      {"!ext:txt,swift", true},
+      {"!size:>1mb !report", true},
+      {"ext:md | /kelvin/", true},
+      {"report | ext:md | photo", true},
+      {"ext:md | size:>1kb", true},
   };
   std::vector<uint32_t> all = allIDs();
   for (const Case& c : cases) {

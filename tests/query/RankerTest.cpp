@@ -110,6 +110,31 @@ TEST(RankerMemoTest, EveryMemoFormGivesTheSameScores) {
     ASSERT_EQ(growing.score(all[id]), expected) << "record " << id << ", remembered";
   }
   EXPECT_EQ(growing.rank(all, 20), flatFromTheStart.rank(all, 20));
+
+  // The score table gives the same scores and rankings, offsets and app buckets included.
+  Ranker lookingUp(store);
+  lookingUp.useScores(Ranker::scoresOf(store));
+  ASSERT_TRUE(lookingUp.hasScores());
+  std::vector<Match> graded;
+  for (uint32_t id = 0; id < store->count(); ++id) {
+    graded.push_back(Match{id, static_cast<MatchQuality>(id % 4), static_cast<int32_t>(id % 150)});
+    ASSERT_EQ(lookingUp.score(graded.back()), flatFromTheStart.score(graded.back())) << id;
+  }
+  EXPECT_EQ(lookingUp.rank(graded, 50), flatFromTheStart.rank(graded, 50));
+  EXPECT_THROW(Ranker(store).useScores(std::make_shared<const std::vector<int32_t>>(3)),
+               std::invalid_argument);
+}
+
+// An application nested so deep that its penalties outweigh its bonus: its score no longer
+// tells it from other records, so the store gets no table and rankings walk folders.
+TEST(RankerMemoTest, NoScoreTableWhenAScoreCannotTellAnApplication) {
+  std::string path;
+  for (int depth = 0; depth < 5100; ++depth) path += "/d";
+  std::vector<testing::FixtureEntry> entries = {
+      {path + "/Deep.app/", std::nullopt, 0, RecordFlags::isApp}};
+  testing::TempTree tree;
+  auto store = testing::writeAndLoad(testing::buildTree(entries), tree / "index.bin");
+  EXPECT_EQ(Ranker::scoresOf(store), nullptr);
 }
 
 }  // namespace

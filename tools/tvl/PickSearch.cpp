@@ -169,6 +169,12 @@ PickSearch::Answer PickSearch::searchHere(const std::string& text, int64_t limit
   }
   if (query.requiresContentScan()) return searchContents(query, limit, start);
   const std::vector<tarvolin::Match>& matches = session_->search(text);
+  // The first keystroke with many matches scores every record once (about the cost of ranking
+  // them all); from then on a ranking looks the scores up.
+  if (!scoresTried_ && matches.size() >= store_->count() / 8) {
+    scoresTried_ = true;
+    ranker_->useScores(tarvolin::Ranker::scoresOf(store_));
+  }
   std::vector<tarvolin::RankedResult> ranked = ranker_->rank(matches, limit);
   Answer answer;
   answer.total = static_cast<int64_t>(matches.size());

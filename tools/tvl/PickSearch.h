@@ -77,6 +77,7 @@ class PickSearch {
   std::shared_ptr<const tarvolin::IndexStore> store_;
   std::unique_ptr<tarvolin::SearchSession> session_;
   std::unique_ptr<tarvolin::Ranker> ranker_;
+  bool scoresTried_ = false;                    // the ranker was offered the store's score table
   std::unique_ptr<tarvolin::Matcher> matcher_;  // for the name part of contains: queries
   std::shared_ptr<ContentFeed> feed_;           // the current contains: search, if any
 };

@@ -69,17 +69,11 @@ std::vector<Match> Matcher::match(const Query& query,
   // a one-item extension term, or the run a regular expression requires) narrows the records
   // to evaluate to those the vectorised scans for it (and for its partners) find; the evaluation
   // over them keeps ID order, so the result is the general evaluation's.
-  // Each record the scan finds is evaluated there and then, while its bytes are in cache.
   if (plain) {
-    if (std::optional<detail::RequiredLiteral> literal = requiredLiteral(terms)) {
-      detail::Evaluator evaluator(resolver_, regexCache_, query, Literals::prefilter);
-      Verdict verdict = [&evaluator](uint32_t id) -> std::optional<Match> {
-        if (auto outcome = evaluator.evaluate(id))
-          return Match{id, outcome->quality, outcome->offset};
-        return std::nullopt;
-      };
-      return scanLiteral(*literal, verdict);
-    }
+    if (auto found = literalMatch(terms)) return std::move(*found);
+    if (auto found = complementMatch(terms)) return std::move(*found);
+  } else if (auto found = orGroupsMatch(query.orGroups)) {
+    return std::move(*found);
   }
   // Everything else: the compiled evaluation over every record, sharded.
   return evaluate(query, std::nullopt, /*parallel=*/true, Literals::prefilter);
@@ -115,6 +109,90 @@ std::optional<detail::RequiredLiteral> Matcher::requiredLiteral(const std::vecto
     }
   }
   return best;
+}
+
+std::optional<std::vector<Match>> Matcher::literalMatch(const std::vector<Term>& terms) {
+  std::optional<detail::RequiredLiteral> literal = requiredLiteral(terms);
+  if (!literal) return std::nullopt;
+  Query group;
+  group.andTerms = terms;
+  // Each record the scan finds is evaluated there and then, while its bytes are in cache.
+  detail::Evaluator evaluator(resolver_, regexCache_, group,
+                              detail::Evaluator::Literals::prefilter);
+  Verdict verdict = [&evaluator](uint32_t id) -> std::optional<Match> {
+    if (auto outcome = evaluator.evaluate(id)) return Match{id, outcome->quality, outcome->offset};
+    return std::nullopt;
+  };
+  return scanLiteral(*literal, verdict);
+}
+
+std::optional<std::vector<Match>> Matcher::orGroupsMatch(
+    const std::vector<std::vector<Term>>& groups) {
+  for (const auto& group : groups) {
+    if (!requiredLiteral(group)) return std::nullopt;
+  }
+  // A record found by several groups keeps the best quality, the earliest group's among equals,
+  // as the general evaluation does.
+  std::vector<Match> merged;
+  for (const auto& group : groups) {
+    std::vector<Match> found = *literalMatch(group);
+    if (merged.empty()) {
+      merged = std::move(found);
+      continue;
+    }
+    std::vector<Match> next;
+    next.reserve(merged.size() + found.size());
+    size_t a = 0, b = 0;
+    while (a < merged.size() || b < found.size()) {
+      if (b == found.size() || (a < merged.size() && merged[a].id < found[b].id)) {
+        next.push_back(merged[a++]);
+      } else if (a == merged.size() || found[b].id < merged[a].id) {
+        next.push_back(found[b++]);
+      } else {
+        next.push_back(found[b].quality < merged[a].quality ? found[b] : merged[a]);
+        ++a;
+        ++b;
+      }
+    }
+    merged = std::move(next);
+  }
+  return merged;
+}
+
+std::optional<std::vector<Match>> Matcher::complementMatch(const std::vector<Term>& terms) {
+  for (const Term& term : terms) {
+    if (term.kind() != Term::Kind::not_ || !requiredLiteral({term.negatedTerm()})) {
+      return std::nullopt;
+    }
+  }
+  // Every term is "not T" with T found by a scan: the matches are the records no T holds. The
+  // scans only mark what they find (from several threads, each record by one).
+  std::vector<uint8_t> excluded(store_->count(), 0);
+  for (const Term& term : terms) {
+    std::vector<Term> inner{term.negatedTerm()};
+    Query group;
+    group.andTerms = inner;
+    detail::Evaluator evaluator(resolver_, regexCache_, group,
+                                detail::Evaluator::Literals::prefilter);
+    // A word's scan finds exactly the names holding it; other terms need their evaluation.
+    bool word =
+        inner[0].kind() == Term::Kind::substring || inner[0].kind() == Term::Kind::exactPhrase;
+    Verdict mark = [&](uint32_t id) -> std::optional<Match> {
+      if (word || evaluator.evaluate(id)) excluded[id] = 1;
+      return std::nullopt;
+    };
+    scanLiteral(*requiredLiteral(inner), mark);
+  }
+  const IndexStore& store = *store_;
+  return detail::sharded(store.count(), [&](size_t begin, size_t end, std::vector<Match>& out) {
+    detail::MatchSink sink(out);
+    for (size_t i = begin; i < end; ++i) {
+      auto id = static_cast<uint32_t>(i);
+      if (excluded[id] == 0 && !store[id].flags.contains(RecordFlags::deleted)) {
+        sink.push(Match{id, MatchQuality::substring, 0});
+      }
+    }
+  });
 }
 
 std::vector<Match> Matcher::scanLiteral(const detail::RequiredLiteral& literal,

@@ -93,6 +93,13 @@ class Matcher {
   /// The longest literal that the name of every record matching all of `terms` must hold (or,
   /// for an expression's run, one of its partners), or nothing.
   std::optional<detail::RequiredLiteral> requiredLiteral(const std::vector<Term>& terms);
+  /// The general evaluation of `terms`, through the scan for their required literal; nothing
+  /// when they have none.
+  std::optional<std::vector<Match>> literalMatch(const std::vector<Term>& terms);
+  /// Or-groups that each have a required literal: the groups' literal matches, merged.
+  std::optional<std::vector<Match>> orGroupsMatch(const std::vector<std::vector<Term>>& groups);
+  /// Terms that are all negations of terms with a required literal: every record none holds.
+  std::optional<std::vector<Match>> complementMatch(const std::vector<Term>& terms);
   /// What `verdict` keeps of the records whose names `literal` admits, in ID order.
   std::vector<Match> scanLiteral(const detail::RequiredLiteral& literal, const Verdict& verdict);
 

@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstdlib>
 #include <new>
+#include <stdexcept>
 #include <utility>
 
 #include "tarvolin/index/ParentWalk.h"
@@ -61,6 +62,29 @@ bool Ranker::isDemotedName(std::string_view bytes) {
 
 Ranker::Ranker(std::shared_ptr<const IndexStore> store) : store_(std::move(store)) {}
 
+std::shared_ptr<const std::vector<int32_t>> Ranker::scoresOf(
+    std::shared_ptr<const IndexStore> store) {
+  Ranker ranker(store);
+  ranker.makeFlat();
+  auto scores = std::make_shared<std::vector<int32_t>>(store->count());
+  // Every other record's score is at most zero, and an application's stays above it unless it
+  // lies thousands of folders deep, which no real path does: then the table also tells the
+  // applications. When one does, there is no table, and rankings walk the folders.
+  for (uint32_t id = 0; id < store->count(); ++id) {
+    int32_t score = ranker.score(Match{id, MatchQuality::substring, 0});
+    if ((*store)[id].flags.contains(RecordFlags::isApp) != (score > 0)) return nullptr;
+    (*scores)[id] = score;
+  }
+  return scores;
+}
+
+void Ranker::useScores(std::shared_ptr<const std::vector<int32_t>> scores) {
+  if (scores && scores->size() != store_->count()) {
+    throw std::invalid_argument("the scores are not the store's");
+  }
+  scores_ = std::move(scores);
+}
+
 Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id) {
   auto unpack = [](uint32_t packed) {
     return AncestorInfo{static_cast<int32_t>(packed & kDepthMask), (packed & kDemoted) != 0,
@@ -96,6 +120,8 @@ Ranker::AncestorInfo Ranker::ancestorInfo(uint32_t id) {
 }
 
 int32_t Ranker::score(const Match& match) {
+  int32_t offset = std::clamp<int32_t>(match.matchOffset, 0, maxOffsetPenalty);
+  if (scores_) return (*scores_)[match.id] - offset;
   const FileRecord& record = (*store_)[match.id];
   bool hidden = record.flags.contains(RecordFlags::isHidden);
   int32_t depth = 0;
@@ -114,7 +140,6 @@ int32_t Ranker::score(const Match& match) {
     base = hidden ? -hiddenPenalty : 0;
     if (insideApp) base = -insideAppPenalty - (hidden ? hiddenPenalty : 0);
   }
-  int32_t offset = std::clamp<int32_t>(match.matchOffset, 0, maxOffsetPenalty);
   return base - depthPenalty * depth - offset - (demoted ? demotedPenalty : 0);
 }
 
@@ -204,7 +229,7 @@ void Ranker::makeFlat() {
 
 std::vector<RankedResult> Ranker::rank(const std::vector<Match>& matches, int64_t limit) {
   if (limit < 1 || matches.empty()) return {};
-  prepareCache(matches.size());
+  if (!scores_) prepareCache(matches.size());
   // Bucket = quality, except that applications matched at a word boundary or better join the
   // exact ones. Buckets are noted once; each is then reduced in a pass over the matches, so no
   // match is ever copied.
@@ -214,7 +239,8 @@ std::vector<RankedResult> Ranker::rank(const std::vector<Match>& matches, int64_
     const Match& match = matches[i];
     auto bucket = static_cast<uint8_t>(match.quality);
     if (match.quality <= MatchQuality::wordBoundary &&
-        (*store_)[match.id].flags.contains(RecordFlags::isApp)) {
+        (scores_ ? (*scores_)[match.id] > 0
+                 : (*store_)[match.id].flags.contains(RecordFlags::isApp))) {
       bucket = 0;
     }
     buckets[i] = bucket;

@@ -39,6 +39,16 @@ class Ranker {
 
   explicit Ranker(std::shared_ptr<const IndexStore> store);
 
+  /// Every record's score as a match at offset 0, by ID: one pass over the store, worth it for
+  /// a store that many large rankings will use (a service's, a picker's). Null for a store
+  /// where a score would not tell an application (one nested thousands of folders deep).
+  static std::shared_ptr<const std::vector<int32_t>> scoresOf(
+      std::shared_ptr<const IndexStore> store);
+  /// Scores matches by looking `scores` (the store's scoresOf) up instead of walking folders;
+  /// the results are the same. Null goes back to walking.
+  void useScores(std::shared_ptr<const std::vector<int32_t>> scores);
+  bool hasScores() const { return scores_ != nullptr; }
+
   /// At most `limit` results, best first; nothing for a limit below 1.
   std::vector<RankedResult> rank(const std::vector<Match>& matches, int64_t limit);
 
@@ -70,6 +80,7 @@ class Ranker {
   static bool isDemotedName(std::string_view bytes);
 
   std::shared_ptr<const IndexStore> store_;
+  std::shared_ptr<const std::vector<int32_t>> scores_;  // scoresOf(store_), when given
   // Memo per folder, packed: bit 31 computed, bit 30 demotedThrough, bit 29 appThrough, low
   // bits depth. One lookup of the parent's entry scores a match.
   // Many matches share folders all over the tree: a flat table (4 bytes per record) of fresh

@@ -3,6 +3,7 @@
 #include <chrono>
 
 #include "tarvolin/platform/ProcessControl.h"
+#include "tarvolin/query/Ranker.h"
 
 namespace tarvolin {
 
@@ -23,6 +24,7 @@ std::shared_ptr<const TrigramIndex> trigramsOf(const IndexStore& store) {
 LiveIndex::LiveIndex(std::filesystem::path indexPath, std::shared_ptr<const IndexStore> store)
     : store_(std::move(store)),
       trigrams_(trigramsOf(*store_)),
+      scores_(Ranker::scoresOf(store_)),
       lastChangeAt_(secondsNow()),
       indexPath_(std::move(indexPath)),
       startedAt_(lastChangeAt_) {}
@@ -34,10 +36,10 @@ std::shared_ptr<const IndexStore> LiveIndex::current() const {
 
 LiveIndex::Snapshot LiveIndex::snapshot() const {
   std::lock_guard guard(lock_);
-  return {store_, trigrams_};
+  return {store_, trigrams_, scores_};
 }
 
-void LiveIndex::buildTrigrams(const std::function<bool()>& isCancelled) {
+void LiveIndex::buildSearchTables(const std::function<bool()>& isCancelled) {
   std::shared_ptr<const IndexStore> store;
   {
     std::lock_guard guard(lock_);
@@ -47,14 +49,19 @@ void LiveIndex::buildTrigrams(const std::function<bool()>& isCancelled) {
   auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store, isCancelled));
   // A cancelled build is empty and answers "nowhere": never attach one.
   if (isCancelled()) return;
+  std::shared_ptr<const std::vector<int32_t>> scores = Ranker::scoresOf(store);
   std::lock_guard guard(lock_);
-  if (store_ == store) trigrams_ = std::move(trigrams);
+  if (store_ == store) {
+    trigrams_ = std::move(trigrams);
+    scores_ = std::move(scores);
+  }
 }
 
 void LiveIndex::publish(std::shared_ptr<const IndexStore> store) {
   std::lock_guard guard(lock_);
   store_ = std::move(store);
   trigrams_ = nullptr;
+  scores_ = nullptr;
   lastChangeAt_ = secondsNow();
 }
 

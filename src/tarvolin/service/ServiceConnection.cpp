@@ -22,18 +22,23 @@ Answer ServiceConnection::answer(const Request& request) {
 
 void ServiceConnection::refresh() {
   LiveIndex::Snapshot current = index_.snapshot();
-  if (current.store == store_) return;
-  store_ = std::move(current.store);
-  matcher_ = std::make_unique<Matcher>(store_);
-  ranker_ = std::make_unique<Ranker>(store_);
-  resolver_ = std::make_unique<PathResolver>(store_);
-  if (session_) {
-    session_->updateStore(store_);
-  } else {
-    session_ = std::make_unique<SearchSession>(store_);
+  if (current.store != store_) {
+    store_ = current.store;
+    matcher_ = std::make_unique<Matcher>(store_);
+    ranker_ = std::make_unique<Ranker>(store_);
+    resolver_ = std::make_unique<PathResolver>(store_);
+    if (session_) {
+      session_->updateStore(store_);
+    } else {
+      session_ = std::make_unique<SearchSession>(store_);
+    }
   }
-  matcher_->setTrigrams(current.trigrams);
-  session_->setTrigrams(std::move(current.trigrams));
+  // The store's tables may come after the store itself (they are built once it stays current).
+  if (current.trigrams != session_->trigrams()) {
+    matcher_->setTrigrams(current.trigrams);
+    session_->setTrigrams(std::move(current.trigrams));
+  }
+  if (current.scores && !ranker_->hasScores()) ranker_->useScores(std::move(current.scores));
 }
 
 Answer ServiceConnection::search(const SearchRequest& request) {

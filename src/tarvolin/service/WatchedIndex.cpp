@@ -194,7 +194,7 @@ void WatchedIndex::rewriteLoop() {
     if (trigramsDue_ && Clock::now() >= lastPublishAt_ + options_.trigramDelay) {
       trigramsDue_ = false;
       guard.unlock();
-      buildTrigrams([this] {
+      buildSearchTables([this] {
         std::lock_guard check(lock_);
         return stopping_ || trigramsDue_;  // stopping, or a newer store came meanwhile
       });

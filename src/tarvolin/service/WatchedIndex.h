@@ -11,7 +11,7 @@
 //
 // All work (updates, rescans, rewrites) runs on two background threads at idle I/O priority and
 // a raised nice value: one applies the watcher's batches, one rewrites the file and builds the
-// trigram index of a store that stayed current for `trigramDelay`. Neither wakes up
+// trigram index and score table of a store that stayed current for `trigramDelay`. Neither wakes up
 // while nothing changes, except for a slow rescan of subtrees the watcher could not cover.
 //
 // `start` and `stop` belong to the owner's thread; everything of LiveIndex to any thread.
