@@ -9,6 +9,7 @@
 #include "tarvolin/catalog/CatalogScanner.h"
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/index/PathResolver.h"
+#include "tarvolin/query/TrigramIndex.h"
 
 namespace tarvolin {
 namespace {
@@ -23,10 +24,33 @@ TEST(CatalogScannerTest, RootRecordIDCountsPathPieces) {
 }
 
 CatalogScanner::Outcome scanTree(const TempTree& tree, const std::filesystem::path& target,
-                                 const std::function<bool()>& shouldContinue) {
+                                 const std::function<bool()>& shouldContinue,
+                                 const std::filesystem::path& trigramTarget = {}) {
   return CatalogScanner::scan(tree.root().string(), "UUID-9", target, ScanPolicy{{}},
                               AttributeFiller::Appetite::watching, shouldContinue, {},
-                              "/nonexistent");
+                              "/nonexistent", trigramTarget);
+}
+
+// The side file built beside the write is the one a build over the written index gives, tied
+// to its checksum; an unwritable side file leaves the index whole.
+TEST(CatalogScannerTest, WritesTheTrigramSideFileOfTheIndex) {
+  TempTree tree{"alpha/beta/gamma.txt", "delta/epsilon.md"};
+  TempTree output;
+  std::filesystem::path target = output / "index.bin";
+  scanTree(
+      tree, target, [] { return true; }, output / "index.tri");
+  auto store = std::make_shared<const IndexStore>(target);
+  std::optional<TrigramIndex> loaded =
+      TrigramIndex::load(output / "index.tri", store->header().checksum);
+  ASSERT_TRUE(loaded);
+  EXPECT_EQ(*loaded, TrigramIndex::build(*store, {}));
+
+  std::filesystem::path blocked = target / "index.tri";  // below a file: cannot be made
+  EXPECT_FALSE(scanTree(
+                   tree, target, [] { return true; }, blocked)
+                   .cancelled);
+  EXPECT_TRUE(std::make_shared<const IndexStore>(target)->count() > 0);
+  EXPECT_FALSE(std::filesystem::exists(blocked));
 }
 
 TEST(CatalogScannerTest, CountsFilesFoldersAndBytesBelowTheRoot) {

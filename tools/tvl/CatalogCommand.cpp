@@ -265,7 +265,8 @@ void printInfo(const ParsedOptions& options, std::string_view verb, const Catalo
 
 // ---- Building ----------------------------------------------------------------------------------
 
-// Scans `root` into the catalog's index; nothing when interrupted (then nothing was written).
+// Scans `root` into the catalog's index and its trigram side file; nothing when interrupted
+// (then nothing was written).
 std::optional<tarvolin::CatalogScanner::Outcome> buildIndex(const Context& context,
                                                             const CatalogLayout& layout,
                                                             const std::string& id,
@@ -286,7 +287,8 @@ std::optional<tarvolin::CatalogScanner::Outcome> buildIndex(const Context& conte
         root, volumeUUID, layout.indexURL(id),
         tarvolin::ScanPolicy{tarvolin::ScanPolicy::defaultExclusions()},
         tarvolin::AttributeFiller::Appetite::watching,
-        [&interrupt] { return !interrupt.interrupted(); }, progress.callback(), context.home);
+        [&interrupt] { return !interrupt.interrupted(); }, progress.callback(), context.home,
+        layout.trigramURL(id));
   } catch (...) {
     fs::remove(layout.markerURL(id), ignored);
     throw;
@@ -338,7 +340,6 @@ int add(const Context& context, const std::vector<std::string>& words) {
       fail("interrupted; no catalog was added", kInterruptedStatus);
     }
     applyOutcome(info, *outcome);
-    writeTrigrams(layout, info.id);
     info.write(layout.infoURL(info.id));  // last: the folder becomes a catalog now
   } catch (const std::system_error& failure) {
     fs::remove_all(layout.directory(info.id), error);
@@ -407,7 +408,6 @@ int update(const Context& context, const std::vector<std::string>& words) {
         buildIndex(context, layout, id, root, info.volumeUUID);
     if (!outcome) fail("interrupted; catalog " + id + " is unchanged", kInterruptedStatus);
     applyOutcome(info, *outcome);
-    writeTrigrams(layout, id);
     info.write(layout.infoURL(id));
   } catch (const std::system_error& failure) {
     fail("could not write catalog " + id + ": " + std::string(failure.what()));

@@ -39,11 +39,14 @@ uint32_t rootRecordID(std::string_view root);
 /// Scans `root` into the index at `target`. `shouldContinue` is asked throughout the scan and
 /// the fill and once more before anything is summed or written; false gives the cancelled
 /// outcome (root id set, counts 0). `onProgress` (may be empty) receives the entries the scan
-/// has found. `home` is the user's home folder, used to classify unreadable folders. Throws
-/// only what IndexWriter::write throws.
+/// has found. `home` is the user's home folder, used to classify unreadable folders. With a
+/// `trigramTarget`, the trigram side file of the index is built while the index is written and
+/// then written there (a failure to write it only costs search speed: the file is left out).
+/// Throws only what IndexWriter::write throws.
 Outcome scan(std::string_view root, const std::string& volumeUUID,
              const std::filesystem::path& target, const ScanPolicy& policy,
              AttributeFiller::Appetite appetite, const std::function<bool()>& shouldContinue,
-             const std::function<void(int64_t)>& onProgress, const std::string& home);
+             const std::function<void(int64_t)>& onProgress, const std::string& home,
+             const std::filesystem::path& trigramTarget = {});
 
 }  // namespace tarvolin::CatalogScanner

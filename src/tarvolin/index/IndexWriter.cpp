@@ -55,11 +55,13 @@ IndexHeader headerFor(const IndexBuilder& builder, const std::vector<VolumeEntry
   return header;
 }
 
-void write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
-           const std::filesystem::path& target) {
-  std::vector<uint8_t> headerBytes = headerFor(builder, volumes).encodeChecked();
+IndexHeader write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
+                  const std::filesystem::path& target) {
+  IndexHeader header = headerFor(builder, volumes);
+  std::vector<uint8_t> headerBytes = header.encodeChecked();
   const std::span<const uint8_t> parts[] = {headerBytes, recordBytes(builder), builder.nameBlob()};
   replace(target, parts);
+  return header;
 }
 
 void copy(const IndexStore& store, const std::filesystem::path& target) {

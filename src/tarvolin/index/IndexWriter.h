@@ -15,10 +15,10 @@
 
 namespace tarvolin::IndexWriter {
 
-/// Throws IndexError::tooManyVolumes for more than 12 volumes, std::system_error (or
-/// std::filesystem::filesystem_error) for file-system failures.
-void write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
-           const std::filesystem::path& target);
+/// Returns the header written. Throws IndexError::tooManyVolumes for more than 12 volumes,
+/// std::system_error (or std::filesystem::filesystem_error) for file-system failures.
+IndexHeader write(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
+                  const std::filesystem::path& target);
 
 /// Writes the same bytes as `write` to the start of the open, empty file `file`, with no
 /// temporary file, rename or flush (for a file no other process reads). Throws std::system_error.
