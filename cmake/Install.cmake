@@ -85,7 +85,8 @@ if(EXISTS ${PROJECT_SOURCE_DIR}/packaging/systemd/tarvolin.service.in)
   install(FILES ${PROJECT_BINARY_DIR}/tarvolin.service DESTINATION lib/systemd/user)
 endif()
 
-# cpack -G DEB: the runtime dependencies are read from the binaries by dpkg-shlibdeps.
+# cpack -G DEB: the runtime dependencies are read from the binaries by dpkg-shlibdeps, apart
+# from the archive library, which tvl loads only when it handles a catalog archive.
 set(CPACK_PACKAGE_NAME tarvolin)
 set(CPACK_PACKAGE_VENDOR "Tarvolin developers")
 set(CPACK_PACKAGE_CONTACT "Tarvolin developers <tarvolin@localhost>")
@@ -94,6 +95,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libarchive13 (>= 3.2)")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 include(CPack)
 

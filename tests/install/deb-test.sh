@@ -14,6 +14,8 @@ trap 'rm -rf "$work"' EXIT
 package="$(ls "$work"/*.deb)"
 dpkg-deb --field "$package" Package Version Depends
 dpkg-deb --field "$package" Depends | grep -q libc6 || { echo "no runtime dependencies declared"; exit 1; }
+# Loaded at run time, so declared by hand: the catalog archive commands need it.
+dpkg-deb --field "$package" Depends | grep -q libarchive13 || { echo "libarchive13 not declared"; exit 1; }
 if dpkg-query -W -f='${Status}' tarvolin 2>/dev/null | grep -q "install ok installed"; then
   echo "a tarvolin package is already installed; not touching it"
   exit 77

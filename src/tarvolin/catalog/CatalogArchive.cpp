@@ -1,7 +1,5 @@
 #include "tarvolin/catalog/CatalogArchive.h"
 
-#include <archive.h>
-#include <archive_entry.h>
 #include <fcntl.h>
 
 #include <algorithm>
@@ -14,6 +12,7 @@
 
 #include "tarvolin/catalog/CatalogError.h"
 #include "tarvolin/catalog/CatalogLayout.h"
+#include "tarvolin/catalog/detail/LibArchive.h"
 #include "tarvolin/catalog/detail/NewUUID.h"
 #include "tarvolin/index/PathResolver.h"
 #include "tarvolin/platform/AtomicFile.h"
@@ -41,6 +40,8 @@ const char* ArchiveError::what() const noexcept {
 
 namespace {
 
+const detail::LibArchive& library() { return detail::libArchive(); }
+
 constexpr size_t kChunkBytes = 64 * 1024;
 constexpr int kFileMode = 0644;
 
@@ -67,7 +68,7 @@ class TemporaryItem {
 };
 
 std::string libraryMessage(archive* handle, const char* fallback) {
-  const char* text = handle != nullptr ? archive_error_string(handle) : nullptr;
+  const char* text = handle != nullptr ? library().archive_error_string(handle) : nullptr;
   std::string message = platform::decodeUtf8Lossy(text != nullptr ? text : fallback);
   while (!message.empty() && std::string_view(" \t\r\n").find(message.back()) != std::string::npos)
     message.pop_back();
@@ -77,21 +78,21 @@ std::string libraryMessage(archive* handle, const char* fallback) {
 
 // ---- Reading -------------------------------------------------------------------------------
 
-using ReadHandle = std::unique_ptr<archive, decltype(&archive_read_free)>;
+using ReadHandle = std::unique_ptr<archive, decltype(&::archive_read_free)>;
 
 // Where an archive's bytes come from: a file, or memory the caller keeps alive.
 using Source = std::variant<fs::path, std::span<const uint8_t>>;
 
 ReadHandle openForReading(const Source& source) {
-  ReadHandle handle(archive_read_new(), &archive_read_free);
+  ReadHandle handle(library().archive_read_new(), library().archive_read_free);
   if (!handle) throw ArchiveError::toolFailed("cannot allocate an archive reader");
-  archive_read_support_format_zip(handle.get());
+  library().archive_read_support_format_zip(handle.get());
   int status;
   if (const auto* path = std::get_if<fs::path>(&source)) {
-    status = archive_read_open_filename(handle.get(), path->c_str(), kChunkBytes);
+    status = library().archive_read_open_filename(handle.get(), path->c_str(), kChunkBytes);
   } else {
     auto bytes = std::get<std::span<const uint8_t>>(source);
-    status = archive_read_open_memory(handle.get(), bytes.data(), bytes.size());
+    status = library().archive_read_open_memory(handle.get(), bytes.data(), bytes.size());
   }
   if (status != ARCHIVE_OK) {
     throw ArchiveError::toolFailed(libraryMessage(handle.get(), "cannot read the archive"));
@@ -102,7 +103,7 @@ ReadHandle openForReading(const Source& source) {
 // The next entry, nothing at the end; a damaged header throws toolFailed.
 archive_entry* nextEntry(archive* handle) {
   archive_entry* entry = nullptr;
-  int status = archive_read_next_header(handle, &entry);
+  int status = library().archive_read_next_header(handle, &entry);
   if (status == ARCHIVE_EOF) return nullptr;
   if (status < ARCHIVE_WARN) {
     throw ArchiveError::toolFailed(libraryMessage(handle, "cannot list the archive"));
@@ -111,8 +112,8 @@ archive_entry* nextEntry(archive* handle) {
 }
 
 std::string entryName(archive_entry* entry) {
-  const char* name = archive_entry_pathname(entry);
-  if (name == nullptr) name = archive_entry_pathname_utf8(entry);
+  const char* name = library().archive_entry_pathname(entry);
+  if (name == nullptr) name = library().archive_entry_pathname_utf8(entry);
   return name != nullptr ? std::string(name) : std::string();
 }
 
@@ -132,8 +133,9 @@ std::optional<size_t> memberIndex(std::string_view name) {
 
 // A plain file: no folder, link of either kind, device or pipe.
 bool isRegularEntry(archive_entry* entry) {
-  return archive_entry_filetype(entry) == AE_IFREG && archive_entry_hardlink(entry) == nullptr &&
-         archive_entry_symlink(entry) == nullptr;
+  return library().archive_entry_filetype(entry) == AE_IFREG &&
+         library().archive_entry_hardlink(entry) == nullptr &&
+         library().archive_entry_symlink(entry) == nullptr;
 }
 
 // The listing check: exactly two entries, one of each member. Stops listing at a third entry.
@@ -162,15 +164,15 @@ void extract(const Source& source, const fs::path& folder, uint64_t indexLimitBy
     if (!member || !isRegularEntry(entry)) throw ArchiveError::notACatalog();
     bool isInfo = kMembers[*member] == CatalogLayout::infoFileName;
     uint64_t limit = isInfo ? maxInfoBytes : indexLimitBytes;
-    if (archive_entry_size_is_set(entry) && archive_entry_size(entry) >= 0 &&
-        static_cast<uint64_t>(archive_entry_size(entry)) > limit) {
+    if (library().archive_entry_size_is_set(entry) && library().archive_entry_size(entry) >= 0 &&
+        static_cast<uint64_t>(library().archive_entry_size(entry)) > limit) {
       throw ArchiveError::notACatalog();
     }
     platform::FileDescriptor file = platform::FileDescriptor::open(
         folder / kMembers[*member], O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, kFileMode);
     uint64_t written = 0;
     for (;;) {
-      la_ssize_t got = archive_read_data(handle.get(), buffer.data(), buffer.size());
+      la_ssize_t got = library().archive_read_data(handle.get(), buffer.data(), buffer.size());
       if (got == 0) break;
       if (got < 0) {
         throw ArchiveError::toolFailed(libraryMessage(handle.get(), "cannot extract the archive"));
@@ -243,16 +245,16 @@ Unpacked unpackFrom(const Source& source, uint64_t archiveBytes) {
 void addFile(archive* handle, const fs::path& source, std::string_view name) {
   platform::FileDescriptor input = platform::FileDescriptor::open(source, O_RDONLY);
   uint64_t size = input.size();
-  std::unique_ptr<archive_entry, decltype(&archive_entry_free)> entry(archive_entry_new(),
-                                                                      &archive_entry_free);
+  std::unique_ptr<archive_entry, decltype(&::archive_entry_free)> entry(
+      library().archive_entry_new(), library().archive_entry_free);
   std::string entryPath(name);
-  archive_entry_set_pathname(entry.get(), entryPath.c_str());
-  archive_entry_set_filetype(entry.get(), AE_IFREG);
-  archive_entry_set_perm(entry.get(), kFileMode);
-  archive_entry_set_size(entry.get(), static_cast<la_int64_t>(size));
+  library().archive_entry_set_pathname(entry.get(), entryPath.c_str());
+  library().archive_entry_set_filetype(entry.get(), AE_IFREG);
+  library().archive_entry_set_perm(entry.get(), kFileMode);
+  library().archive_entry_set_size(entry.get(), static_cast<la_int64_t>(size));
   auto now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
-  archive_entry_set_mtime(entry.get(), now, 0);
-  if (archive_write_header(handle, entry.get()) != ARCHIVE_OK) {
+  library().archive_entry_set_mtime(entry.get(), now, 0);
+  if (library().archive_write_header(handle, entry.get()) != ARCHIVE_OK) {
     throw ArchiveError::toolFailed(libraryMessage(handle, "cannot write the archive"));
   }
   std::vector<uint8_t> buffer(kChunkBytes);
@@ -260,13 +262,13 @@ void addFile(archive* handle, const fs::path& source, std::string_view name) {
   while (copied < size) {
     size_t got = input.readUpTo(buffer);
     if (got == 0) break;  // shortened while read: the entry's declared size cannot be kept
-    if (archive_write_data(handle, buffer.data(), got) < 0) {
+    if (library().archive_write_data(handle, buffer.data(), got) < 0) {
       throw ArchiveError::toolFailed(libraryMessage(handle, "cannot write the archive"));
     }
     copied += got;
   }
   if (copied != size) throw ArchiveError::toolFailed(std::string(name) + " changed while copied");
-  if (archive_write_finish_entry(handle) != ARCHIVE_OK) {
+  if (library().archive_write_finish_entry(handle) != ARCHIVE_OK) {
     throw ArchiveError::toolFailed(libraryMessage(handle, "cannot write the archive"));
   }
 }
@@ -276,15 +278,15 @@ void addFile(archive* handle, const fs::path& source, std::string_view name) {
 void writeZip(const fs::path& folder, const fs::path& archivePath) {
   platform::FileDescriptor output = platform::FileDescriptor::open(
       archivePath, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW, kFileMode);
-  std::unique_ptr<archive, decltype(&archive_write_free)> handle(archive_write_new(),
-                                                                 &archive_write_free);
-  if (!handle || archive_write_set_format_zip(handle.get()) != ARCHIVE_OK ||
-      archive_write_zip_set_compression_deflate(handle.get()) != ARCHIVE_OK ||
-      archive_write_open_fd(handle.get(), output.get()) != ARCHIVE_OK) {
+  std::unique_ptr<archive, decltype(&::archive_write_free)> handle(library().archive_write_new(),
+                                                                   library().archive_write_free);
+  if (!handle || library().archive_write_set_format_zip(handle.get()) != ARCHIVE_OK ||
+      library().archive_write_zip_set_compression_deflate(handle.get()) != ARCHIVE_OK ||
+      library().archive_write_open_fd(handle.get(), output.get()) != ARCHIVE_OK) {
     throw ArchiveError::toolFailed(libraryMessage(handle.get(), "cannot create the archive"));
   }
   for (std::string_view name : kMembers) addFile(handle.get(), folder / name, name);
-  if (archive_write_close(handle.get()) != ARCHIVE_OK) {
+  if (library().archive_write_close(handle.get()) != ARCHIVE_OK) {
     throw ArchiveError::toolFailed(libraryMessage(handle.get(), "cannot finish the archive"));
   }
   output.sync();
