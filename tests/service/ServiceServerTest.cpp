@@ -10,6 +10,7 @@
 #include <chrono>
 #include <thread>
 
+#include "support/Eventually.h"
 #include "support/IndexFixture.h"
 #include "support/TempTree.h"
 #include "tarvolin/index/PathResolver.h"
@@ -77,15 +78,7 @@ SearchAnswer searched(const std::optional<Answer>& answer) {
   return found;
 }
 
-template <typename Condition>
-bool eventually(Condition condition, int timeoutMs = 5000) {
-  auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!condition()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
-  return true;
-}
+using testing::eventually;
 
 class ServiceServerTest : public ::testing::Test {
  protected:

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "support/Eventually.h"
 #include "support/IndexFixture.h"
 #include "support/TempTree.h"
 #include "tarvolin/index/IndexWriter.h"
@@ -27,15 +28,7 @@ void countRenames(platform::AtomicFile::Step step, const std::filesystem::path&)
   if (step == platform::AtomicFile::Step::rename) ++replaced;
 }
 
-template <typename Condition>
-bool eventually(Condition condition) {
-  auto deadline = std::chrono::steady_clock::now() + 20s;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(10ms);
-  }
-  return true;
-}
+using testing::eventually;
 
 class WatchedIndexTest : public ::testing::Test {
  protected:

@@ -12,6 +12,7 @@
 #include <functional>
 #include <thread>
 
+#include "support/Eventually.h"
 #include "support/IndexFixture.h"
 #include "support/RunTool.h"
 #include "support/TempTree.h"
@@ -26,7 +27,6 @@ using testing::runProgram;
 using testing::TempTree;
 
 constexpr const char* kTmux = "/usr/bin/tmux";
-constexpr auto kDeadline = 15s;
 
 // `word` quoted for the shell.
 std::string quoted(const std::string& word) {
@@ -64,15 +64,7 @@ void startTmux(const std::string& socket, int width, int height, const std::stri
   ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
 }
 
-// Polls `ready` until it holds or the deadline passes.
-bool eventually(const std::function<bool()>& ready) {
-  auto end = std::chrono::steady_clock::now() + kDeadline;
-  while (std::chrono::steady_clock::now() < end) {
-    if (ready()) return true;
-    std::this_thread::sleep_for(20ms);
-  }
-  return ready();
-}
+using testing::eventually;
 
 // One tmux server of its own (its own socket) running one pane with tvl pick. The pane's shell
 // records the terminal settings before and after, the exit status, and tvl's process id.

@@ -15,6 +15,7 @@
 #include <random>
 #include <thread>
 
+#include "support/Eventually.h"
 #include "support/IndexFixture.h"
 #include "support/RunTool.h"
 #include "support/TempTree.h"
@@ -27,15 +28,7 @@ using testing::runTool;
 using testing::TempTree;
 using Clock = std::chrono::steady_clock;
 
-template <typename Condition>
-bool eventually(Condition condition, int timeoutMs = 20000) {
-  auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
-  while (!condition()) {
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  }
-  return true;
-}
+using testing::eventually;
 
 // `tvl serve` running in the background with its output in files; stopped with SIGTERM when
 // the object goes away.
