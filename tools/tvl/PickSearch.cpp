@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <ctime>
+#include <future>
 #include <mutex>
 #include <unordered_map>
 #include <variant>
@@ -105,6 +107,10 @@ void PickSearch::loadStore() {
   session_ = std::make_unique<tarvolin::SearchSession>(store_);
   ranker_ = std::make_unique<tarvolin::Ranker>(store_);
   matcher_ = std::make_unique<tarvolin::Matcher>(store_);
+  // Scoring every record takes about as long as ranking them all: done beside the first
+  // keystrokes, it spares every later keystroke with many matches.
+  scores_ = std::async(std::launch::async,
+                       [store = store_] { return tarvolin::Ranker::scoresOf(store); });
 }
 
 PickSearch::Answer PickSearch::search(const std::string& text, int64_t limit) {
@@ -169,11 +175,9 @@ PickSearch::Answer PickSearch::searchHere(const std::string& text, int64_t limit
   }
   if (query.requiresContentScan()) return searchContents(query, limit, start);
   const std::vector<tarvolin::Match>& matches = session_->search(text);
-  // The first keystroke with many matches scores every record once (about the cost of ranking
-  // them all); from then on a ranking looks the scores up.
-  if (!scoresTried_ && matches.size() >= store_->count() / 8) {
-    scoresTried_ = true;
-    ranker_->useScores(tarvolin::Ranker::scoresOf(store_));
+  // Once the score table is ready, every ranking looks scores up instead of walking folders.
+  if (scores_.valid() && scores_.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+    ranker_->useScores(scores_.get());
   }
   std::vector<tarvolin::RankedResult> ranked = ranker_->rank(matches, limit);
   Answer answer;

@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -77,7 +78,8 @@ class PickSearch {
   std::shared_ptr<const tarvolin::IndexStore> store_;
   std::unique_ptr<tarvolin::SearchSession> session_;
   std::unique_ptr<tarvolin::Ranker> ranker_;
-  bool scoresTried_ = false;                    // the ranker was offered the store's score table
+  // The store's score table, computed in the background; taken by the ranker once ready.
+  std::future<std::shared_ptr<const std::vector<int32_t>>> scores_;
   std::unique_ptr<tarvolin::Matcher> matcher_;  // for the name part of contains: queries
   std::shared_ptr<ContentFeed> feed_;           // the current contains: search, if any
 };
