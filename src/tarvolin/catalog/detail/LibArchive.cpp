@@ -19,7 +19,8 @@ template <typename Function>
 void resolve(void* library, const char* name, Function& slot) {
   void* symbol = dlsym(library, name);
   if (symbol == nullptr) {
-    throw CatalogArchive::ArchiveError::toolFailed(std::string("the archive library lacks ") + name);
+    throw CatalogArchive::ArchiveError::toolFailed(std::string("the archive library lacks ") +
+                                                   name);
   }
   slot = reinterpret_cast<Function>(symbol);
 }
@@ -33,7 +34,8 @@ LibArchive load() {
     if (failure.empty()) failure = dlerror();
   }
   if (library == nullptr) {
-    throw CatalogArchive::ArchiveError::toolFailed("cannot load the archive library (libarchive): " + failure);
+    throw CatalogArchive::ArchiveError::toolFailed(
+        "cannot load the archive library (libarchive): " + failure);
   }
   LibArchive api{};
 #define TARVOLIN_RESOLVE(name) resolve(library, #name, api.name)

@@ -45,8 +45,8 @@ struct LibArchive {
   decltype(&::archive_entry_set_mtime) archive_entry_set_mtime;
 };
 
-/// The loaded library. Throws CatalogArchive::ArchiveError (toolFailed) naming what is missing when the library
-/// or one of its functions cannot be loaded; later calls try again.
+/// The loaded library. Throws CatalogArchive::ArchiveError (toolFailed) naming what is missing when
+/// the library or one of its functions cannot be loaded; later calls try again.
 const LibArchive& libArchive();
 
 }  // namespace tarvolin::detail
