@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
 #include <span>
 #include <utility>
 
@@ -117,7 +118,7 @@ void InotifySource::handle(const platform::InotifyEvent& event, PendingBatch& ba
     inotify_.forgetWatch(event.watch);
     if (isRoot(event.watch)) {
       // The root went away (deleted, unmounted): nothing of it is watched any more.
-      if (const std::string* root = tree_.path(event.watch)) {
+      if (std::optional<std::string> root = tree_.path(event.watch)) {
         batch.addPath(*root);
         unwatched_.forget(*root);
       }
@@ -127,10 +128,9 @@ void InotifySource::handle(const platform::InotifyEvent& event, PendingBatch& ba
     tree_.erase(event.watch);
     return;
   }
-  const std::string* known = tree_.path(event.watch);
-  if (known == nullptr) return;  // a watch already dropped; its events are stale
-  // Copied: watching a new subtree below may rehash the map the pointer points into.
-  const std::string folder = *known;
+  std::optional<std::string> known = tree_.path(event.watch);
+  if (!known) return;  // a watch already dropped; its events are stale
+  const std::string folder = std::move(*known);
   if (event.mask & (Inotify::kDeleteSelf | Inotify::kMoveSelf | Inotify::kUnmount)) {
     // Below a root, the parent's own event names the parent; a root has no watched parent.
     if (isRoot(event.watch)) {
