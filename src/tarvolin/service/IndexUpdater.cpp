@@ -264,19 +264,14 @@ class IndexUpdater::Pass {
 IndexUpdater::IndexUpdater(ScanPolicy policy, std::string home)
     : policy_(std::move(policy)), home_(std::move(home)) {}
 
-const ChildrenIndex& IndexUpdater::childrenOf(const std::shared_ptr<const IndexStore>& store) {
-  if (store != indexedStore_.lock() || !children_) {
-    children_.emplace(*store);
-    indexedStore_ = store;
-  }
-  return *children_;
-}
-
 std::optional<IndexBuilder> IndexUpdater::apply(const std::shared_ptr<const IndexStore>& store,
                                                 std::vector<std::string> folders, bool recursive,
                                                 Tally* tally) {
   Tally local;
-  Pass pass(*this, *store, childrenOf(store), tally ? *tally : local);
+  // Built for each pass and dropped after it (8 bytes a record): a pass that changes anything
+  // leaves a new store behind, whose table the next pass would build again anyway.
+  ChildrenIndex children(*store);
+  Pass pass(*this, *store, children, tally ? *tally : local);
   pass.update(std::move(folders), recursive);
   return std::move(pass).result();
 }

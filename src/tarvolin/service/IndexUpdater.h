@@ -61,14 +61,8 @@ class IndexUpdater {
  private:
   class Pass;
 
-  const ChildrenIndex& childrenOf(const std::shared_ptr<const IndexStore>& store);
-
   ScanPolicy policy_;
   std::string home_;
-  // The children table of the last store seen: one per store, not one per update. Weak, so
-  // that a replaced store's memory goes as soon as searches are done with it.
-  std::weak_ptr<const IndexStore> indexedStore_;
-  std::optional<ChildrenIndex> children_;
 };
 
 }  // namespace tarvolin
