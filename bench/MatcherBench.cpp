@@ -76,6 +76,11 @@ BENCHMARK_CAPTURE(rangeScan, sse2_common, detail::ScanKernel::sse2, "report")
     ->Unit(benchmark::kMillisecond);
 BENCHMARK_CAPTURE(rangeScan, blobAvx2_common, detail::ScanKernel::blobAvx2, "report")
     ->Unit(benchmark::kMillisecond);
+// A first keystroke: a letter most names hold.
+BENCHMARK_CAPTURE(rangeScan, sse2_letter, detail::ScanKernel::sse2, "e")
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK_CAPTURE(rangeScan, blobAvx2_letter, detail::ScanKernel::blobAvx2, "e")
+    ->Unit(benchmark::kMillisecond);
 
 void matchQuery(benchmark::State& state, const char* text) {
   auto store = benchStore();

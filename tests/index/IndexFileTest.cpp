@@ -123,6 +123,52 @@ TEST(IndexWriterTest, WritesAreDeterministicAndRecordCompleteness) {
   EXPECT_EQ(IndexStore(tree / "three.bin").header().attrsCompleteness, AttrsCompleteness::complete);
 }
 
+// The service publishes stores from images that never reach the disk: the image is the file's
+// bytes, loads as the file does, and a damaged one is refused as a damaged file is.
+TEST(IndexWriterTest, AnImageIsTheFileAndIsCheckedAsOne) {
+  TempTree tree;
+  IndexBuilder builder = sampleBuilder();
+  const std::vector<VolumeEntry> volumes{{"local", "/", 0, true}};
+  IndexWriter::write(builder, volumes, tree / "index.bin");
+  const std::string file = readFile(tree / "index.bin");
+  platform::MappedFile image = IndexWriter::image(builder, volumes);
+  ASSERT_EQ(std::string(reinterpret_cast<const char*>(image.data()), image.size()), file);
+  IndexStore store(std::move(image));
+  ASSERT_EQ(store.count(), builder.recordCount());
+  for (uint32_t id = 0; id < store.count(); ++id) EXPECT_EQ(store.nameBytes(id), builder.name(id));
+
+  auto imageOf = [](const std::string& bytes) {
+    return platform::MappedFile::filled(bytes.size(), [&](std::span<uint8_t> into) {
+      std::memcpy(into.data(), bytes.data(), bytes.size());
+    });
+  };
+  std::string flipped = file;
+  flipped.back() ^= 0x20;
+  std::string forged = file;  // the first record's name moved past the blob, checksum made good
+  poke<uint32_t>(forged, IndexHeader::byteSize + 4, 0x7FFFFFF0);
+  poke<uint64_t>(forged, 16,
+                 FastHash64::hash({reinterpret_cast<const uint8_t*>(forged.data()) + 4096,
+                                   forged.size() - 4096}));
+  const struct {
+    const char* what;
+    std::string bytes;
+    IndexError::Kind expected;
+  } cases[] = {
+      {"cut short", file.substr(0, file.size() - 1), IndexError::Kind::truncated},
+      {"a name byte flipped", flipped, IndexError::Kind::checksumMismatch},
+      {"a forged name offset", forged, IndexError::Kind::checksumMismatch},
+      {"no bytes", "", IndexError::Kind::truncated},
+  };
+  for (const auto& c : cases) {
+    try {
+      IndexStore damaged(imageOf(c.bytes));
+      ADD_FAILURE() << c.what << ": loaded";
+    } catch (const IndexError& error) {
+      EXPECT_EQ(error.kind(), c.expected) << c.what;
+    }
+  }
+}
+
 // Writers of the same target share the temporary name: they must take turns, so every write
 // succeeds and the file left is always one of them whole.
 TEST(IndexWriterTest, ConcurrentWritersOfOneTargetTakeTurns) {

@@ -58,6 +58,10 @@ IndexBuilder IndexBuilder::copying(const IndexStore& store) {
   IndexBuilder builder;
   std::span<const FileRecord> records = store.records();
   std::string_view blob = store.nameBlob();
+  // Room for the entries a live update adds: without it the first one added reallocates and
+  // copies the whole table again.
+  builder.records_.reserve(records.size() + records.size() / 128 + 1024);
+  builder.nameBlob_.reserve(blob.size() + blob.size() / 128 + 16384);
   builder.records_.assign(records.begin(), records.end());
   builder.nameBlob_.assign(blob.begin(), blob.end());
   return builder;

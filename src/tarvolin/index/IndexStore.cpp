@@ -1,6 +1,7 @@
 #include "tarvolin/index/IndexStore.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "tarvolin/index/IndexError.h"
 #include "tarvolin/index/detail/BodyCheck.h"
@@ -16,6 +17,12 @@ IndexStore::IndexStore(const std::filesystem::path& path) {
   } catch (const std::system_error&) {
     throw IndexError::truncated();
   }
+  validate();
+}
+
+IndexStore::IndexStore(platform::MappedFile image) : file_(std::move(image)) { validate(); }
+
+void IndexStore::validate() {
   header_ = IndexHeader::decode(file_.bytes());  // a file shorter than a header is truncated
 
   uint64_t needed = IndexHeader::byteSize + uint64_t{sizeof(FileRecord)} * header_.recordCount +

@@ -27,6 +27,9 @@ class IndexStore {
   /// forged checksum cannot make a reader leave the mapping. Throws IndexError.
   explicit IndexStore(const std::filesystem::path& path);
 
+  /// The same validation over a file image already in memory (see IndexWriter::image).
+  explicit IndexStore(platform::MappedFile image);
+
   IndexStore(const IndexStore&) = delete;
   IndexStore& operator=(const IndexStore&) = delete;
 
@@ -57,6 +60,8 @@ class IndexStore {
   uint64_t mappedLength() const { return file_.size(); }
 
  private:
+  void validate();
+
   platform::MappedFile file_;
   IndexHeader header_;
   const FileRecord* records_ = nullptr;

@@ -1,5 +1,7 @@
 #include "tarvolin/index/IndexWriter.h"
 
+#include <algorithm>
+
 #include "tarvolin/index/FastHash64.h"
 #include "tarvolin/index/IndexError.h"
 #include "tarvolin/platform/AtomicFile.h"
@@ -62,6 +64,19 @@ IndexHeader write(const IndexBuilder& builder, const std::vector<VolumeEntry>& v
   const std::span<const uint8_t> parts[] = {headerBytes, recordBytes(builder), builder.nameBlob()};
   replace(target, parts);
   return header;
+}
+
+platform::MappedFile image(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes) {
+  std::vector<uint8_t> headerBytes = headerFor(builder, volumes).encodeChecked();
+  const std::span<const uint8_t> parts[] = {headerBytes, recordBytes(builder), builder.nameBlob()};
+  uint64_t size = 0;
+  for (const auto& part : parts) size += part.size();
+  return platform::MappedFile::filled(size, [&](std::span<uint8_t> into) {
+    for (const auto& part : parts) {
+      std::copy(part.begin(), part.end(), into.begin());
+      into = into.subspan(part.size());
+    }
+  });
 }
 
 void copy(const IndexStore& store, const std::filesystem::path& target) {

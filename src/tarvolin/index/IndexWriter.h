@@ -12,6 +12,7 @@
 #include "tarvolin/index/IndexHeader.h"
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/platform/FileDescriptor.h"
+#include "tarvolin/platform/MappedFile.h"
 
 namespace tarvolin::IndexWriter {
 
@@ -24,6 +25,10 @@ IndexHeader write(const IndexBuilder& builder, const std::vector<VolumeEntry>& v
 /// temporary file, rename or flush (for a file no other process reads). Throws std::system_error.
 void writeTo(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes,
              const platform::FileDescriptor& file);
+
+/// The bytes `write` would write, as a read-only region in memory, for a store that is never
+/// written to disk as such (IndexStore's image constructor). Throws std::system_error (ENOMEM).
+platform::MappedFile image(const IndexBuilder& builder, const std::vector<VolumeEntry>& volumes);
 
 /// Writes the file `store` was loaded from, byte for byte, to `target` the way `write` does (same
 /// temporary file, lock and flushes). Same errors as `write`.

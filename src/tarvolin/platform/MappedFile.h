@@ -1,10 +1,12 @@
 #pragma once
 // A whole file mapped read-only and private. The descriptor is closed as soon as the mapping
 // exists; the mapping lives until the object is destroyed. The bytes never change, so any number
-// of threads may read them without locks.
+// of threads may read them without locks. `filled` makes the same kind of read-only region from
+// bytes the process writes itself, for a file image that never goes to disk.
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <span>
 #include <system_error>
 
@@ -17,6 +19,12 @@ class MappedFile {
   /// with the errno of the failed call (EISDIR for anything but a regular file) and the path.
   /// A file of zero bytes gives an empty mapping (no mmap call).
   static MappedFile open(const std::filesystem::path& path, bool populate);
+
+  /// A private anonymous region of `size` bytes that `fill` writes once; read-only afterwards.
+  /// Large regions are backed by huge pages where the kernel offers them. Throws
+  /// std::system_error (ENOMEM) when the region cannot be mapped. A size of 0 maps nothing and
+  /// calls `fill` with an empty span.
+  static MappedFile filled(uint64_t size, const std::function<void(std::span<uint8_t>)>& fill);
 
   MappedFile() = default;
   ~MappedFile();

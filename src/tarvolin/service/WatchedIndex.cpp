@@ -6,7 +6,6 @@
 
 #include "tarvolin/index/IndexWriter.h"
 #include "tarvolin/platform/Memory.h"
-#include "tarvolin/platform/MemoryFile.h"
 #include "tarvolin/platform/ProcessControl.h"
 
 namespace tarvolin {
@@ -29,10 +28,9 @@ uint64_t deletedIn(std::span<const FileRecord> records) {
 
 std::shared_ptr<const IndexStore> storeInMemory(const IndexBuilder& builder,
                                                 const std::vector<VolumeEntry>& volumes) {
-  platform::MemoryFile file("tarvolin-index");
-  IndexWriter::writeTo(builder, volumes, file.descriptor());
-  // The mapping keeps the file alive once the descriptor closes.
-  return std::make_shared<const IndexStore>(file.path());
+  // The image is checked as a file from disk would be: the records the updater made are held to
+  // the same rules as any others.
+  return std::make_shared<const IndexStore>(IndexWriter::image(builder, volumes));
 }
 
 const char* modeName(WatchBackend backend) {
