@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "tarvolin/index/IndexStore.h"
+#include "tarvolin/platform/Memory.h"
 #include "tarvolin/platform/Precondition.h"
 #include "tarvolin/platform/Unicode.h"
 
@@ -62,6 +63,9 @@ IndexBuilder IndexBuilder::copying(const IndexStore& store) {
   // copies the whole table again.
   builder.records_.reserve(records.size() + records.size() / 128 + 1024);
   builder.nameBlob_.reserve(blob.size() + blob.size() / 128 + 16384);
+  platform::adviseFillingSoon(builder.records_.data(),
+                              builder.records_.capacity() * sizeof(FileRecord));
+  platform::adviseFillingSoon(builder.nameBlob_.data(), builder.nameBlob_.capacity());
   builder.records_.assign(records.begin(), records.end());
   builder.nameBlob_.assign(blob.begin(), blob.end());
   return builder;

@@ -1,13 +1,13 @@
 #pragma once
 // A LiveIndex that follows the file system. A FileSystemWatcher on the index's roots names the
-// folders that changed; an IndexUpdater lists them again; the updated records are written to an
-// in-memory file and published as the next store, so searches see a change within a fraction of
-// a second without the index file being rewritten per event. The file on disk is brought up to
-// date at most once per `rewriteInterval` while changes go on (and at stop), atomically, so a
-// search without the service sees recent changes too and a kill at any moment leaves a whole file.
-// When the deleted records pass `compactionShare`, the next published store leaves them out.
-// A content index, when there is one, follows the same folders (see LiveContent) and is
-// rewritten on the same terms.
+// folders that changed; an IndexUpdater lists them again; the updated records are laid out as an
+// index file image in memory and published as the next store, so searches see a change within a
+// fraction of a second without the index file being rewritten per event. The file on disk is
+// brought up to date at most once per `rewriteInterval` while changes go on (and at stop),
+// atomically, so a search without the service sees recent changes too and a kill at any moment
+// leaves a whole file. When the deleted records pass `compactionShare`, the next published store
+// leaves them out. A content index, when there is one, follows the same folders (see LiveContent)
+// and is rewritten on the same terms.
 //
 // All work (updates, rescans, rewrites) runs on two background threads at idle I/O priority and
 // a raised nice value: one applies the watcher's batches, one rewrites the file and builds the
@@ -82,7 +82,7 @@ class WatchedIndex : public LiveIndex {
  private:
   void onSignal(const FileSystemWatcherSignal& signal);
   void rescanUnwatched();
-  /// Writes `builder` to a new in-memory file and publishes it, compacted when due.
+  /// Lays `builder` out as a new image in memory and publishes it, compacted when due.
   void publishRecords(IndexBuilder builder);
   void rewriteLoop();
   /// Writes the current store to the index file if it changed since the last write.
