@@ -19,6 +19,19 @@ namespace tarvolin {
 
 namespace {
 
+// The matches whose IDs are in `pool`, both in ascending ID order (duplicates in the pool
+// give one match).
+std::vector<Match> keptTo(std::vector<Match> matches, std::span<const uint32_t> pool) {
+  size_t kept = 0, p = 0;
+  for (const Match& match : matches) {
+    while (p < pool.size() && pool[p] < match.id) ++p;
+    if (p == pool.size()) break;
+    if (pool[p] == match.id) matches[kept++] = match;
+  }
+  matches.resize(kept);
+  return matches;
+}
+
 bool isNonEmptySubstring(const Term& term) {
   return term.kind() == Term::Kind::substring && !term.text().empty();
 }
@@ -47,8 +60,20 @@ std::vector<Match> Matcher::match(const Query& query,
   }
   // The general evaluation as such: the reference every strategy below is held to.
   using Literals = detail::Evaluator::Literals;
-  if (candidates) return evaluate(query, candidates, /*parallel=*/true, Literals::ignored);
   uint32_t n = store_->count();
+  if (candidates) {
+    // A word over a large pool in ID order (a search session's first letters hold most of the
+    // index) is scanned for in the whole index and kept to the pool: the vectorised scan passes
+    // over every name faster than the general evaluation visits a twentieth of them ("re" after
+    // "r" on 1.3 million names: 11 ms instead of 27). The scan finds what the evaluation finds,
+    // qualities and offsets included.
+    if (n >= largeIndexThreshold && query.orGroups.empty() && query.andTerms.size() == 1 &&
+        isNonEmptySubstring(query.andTerms[0]) && candidates->size() > n / wholeIndexPoolShare &&
+        std::is_sorted(candidates->begin(), candidates->end())) {
+      return keptTo(scanNeedle(detail::lowerAscii(query.andTerms[0].text())), *candidates);
+    }
+    return evaluate(query, candidates, /*parallel=*/true, Literals::ignored);
+  }
   if (n < largeIndexThreshold) {
     return evaluate(query, std::nullopt, /*parallel=*/false, Literals::ignored);
   }

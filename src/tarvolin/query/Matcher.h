@@ -41,6 +41,9 @@ class Matcher {
   static constexpr size_t maxFuzzyResults = 50;
   /// Below this many records every query takes the general evaluation.
   static constexpr uint32_t largeIndexThreshold = 20000;
+  /// A single word over candidates in ID order that number more than count / this is scanned
+  /// for in the whole index and kept to the candidates: the same matches, found sooner.
+  static constexpr uint32_t wholeIndexPoolShare = 32;
   /// Records per shard of a parallel scan.
   static constexpr uint32_t shardUnit = detail::shardUnit;
   /// The most different terms a query may hold. Each term can cost a pass over every name, so
