@@ -219,6 +219,32 @@ TEST_F(ServeCommandTest, WithoutAUsableIndexTheRootIsScannedFirst) {
                 (tree / "docs/old/plan-b.txt").string() + "\n\n2 matches in Tms (showing 2)\n");
 }
 
+// A root is scanned only when there is no usable index: a root that is not there is refused, and
+// one the index does not hold is named on the way to serving the index as it is.
+TEST_F(ServeCommandTest, AGivenRootMustBeAFolderAndIsNamedWhenTheIndexHoldsAnother) {
+  TempTree tree({"docs/plan.txt", "file"});
+  writeIndex({{"/home/me/a.txt"}});
+  const struct {
+    std::string root, err;
+  } refused[] = {
+      {(tree / "missing").string(), "tvl: " + (tree / "missing").string() + ": no such folder\n"},
+      {(tree / "file").string(), "tvl: " + (tree / "file").string() + ": not a folder\n"},
+  };
+  for (const auto& c : refused) {
+    testing::ToolResult result = runTool({"serve", c.root}, home_.root().string());
+    EXPECT_EQ(result.status, 1) << c.root;
+    EXPECT_EQ(result.err, c.err);
+    EXPECT_EQ(result.out, "");
+  }
+  ServeProcess service(home_.root().string(), {(tree / "docs").string() + "/"});
+  ASSERT_TRUE(service.ready()) << service.err();
+  EXPECT_EQ(service.err(), "tvl: the index holds /home/me, not " + (tree / "docs").string() +
+                               "/; serving it as it is (`tvl scan " + (tree / "docs").string() +
+                               "/` indexes " + (tree / "docs").string() + "/)\n");
+  EXPECT_EQ(testing::maskMilliseconds(search("a.txt").out),
+            "  /home/me/a.txt\n\n1 matches in Tms (showing 1)\n");
+}
+
 TEST_F(ServeCommandTest, ChangesOnDiskReachSearchesAndTheIndexFile) {
   TempTree tree({"docs/gone.txt", "music/"});
   tree.add("docs/plan.txt", "the old wording");

@@ -3,6 +3,7 @@
 // answers searches on the socket beside it until SIGINT or SIGTERM, then writes the index if it
 // changed and removes the socket.
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -109,8 +110,20 @@ std::shared_ptr<const tarvolin::IndexStore> loadOrScan(
 int runServe(const Context& context) {
   ParsedOptions options = parseOptions(kSyntax, context.words);
   std::chrono::milliseconds interval = rewriteInterval(options);
-  std::string root =
-      absoluteRoot(options.operands().empty() ? context.home : options.operands().front());
+  const bool rootGiven = !options.operands().empty();
+  std::string root = absoluteRoot(rootGiven ? options.operands().front() : context.home);
+  if (rootGiven) {
+    // A root that is not there is a mistake to report, not an empty tree to serve.
+    std::error_code error;
+    if (!std::filesystem::exists(root, error)) {
+      output::errorLine("tvl: " + root + ": no such folder");
+      return 1;
+    }
+    if (!std::filesystem::is_directory(root, error)) {
+      output::errorLine("tvl: " + root + ": not a folder");
+      return 1;
+    }
+  }
   std::filesystem::path folder = context.indexPath.parent_path();
   std::filesystem::path socketPath = tarvolin::ServiceProtocol::socketPathFor(context.indexPath);
 
@@ -139,6 +152,18 @@ int runServe(const Context& context) {
   std::vector<std::string> roots;
   for (const tarvolin::VolumeEntry& volume : store->header().volumes) {
     roots.push_back(volume.mountPath);
+  }
+  auto isRoot = [&root](const std::string& each) {
+    std::error_code error;
+    return each == root || std::filesystem::equivalent(each, root, error);
+  };
+  if (rootGiven && std::none_of(roots.begin(), roots.end(), isRoot)) {
+    // The index is served as it is: scanning the root now would replace what it holds.
+    std::string covered;
+    for (const std::string& each : roots) covered += (covered.empty() ? "" : ", ") + each;
+    output::errorLine("tvl: the index holds " + (covered.empty() ? "no folder" : covered) +
+                      ", not " + root + "; serving it as it is (`tvl scan " + root + "` indexes " +
+                      root + ")");
   }
   tarvolin::ScanPolicy policy = policyFor(roots.empty() ? root : roots.front());
   tarvolin::WatchedIndex::Options watchOptions;
