@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -80,16 +81,31 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   (void)QueryParser::splitTopLevelOr(text);
 
   auto store = fuzzStore();
+  // Every ID from the last to the first: candidates out of ID order always take the general
+  // evaluation, which comes back in candidate order. Every even ID, in order: a pool that large
+  // may take a whole-index scan kept to the pool.
   static const std::vector<uint32_t> all = [&] {
     std::vector<uint32_t> ids(store->count());
-    for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = i;
+    for (uint32_t i = 0; i < ids.size(); ++i) ids[i] = store->count() - 1 - i;
+    return ids;
+  }();
+  static const std::vector<uint32_t> even = [&] {
+    std::vector<uint32_t> ids;
+    for (uint32_t i = 0; i < store->count(); i += 2) ids.push_back(i);
     return ids;
   }();
   Matcher matcher(store);
   std::vector<Match> fast = matcher.matchWithFuzzyFallback(first);
   std::vector<Match> general = Matcher(store).match(first, std::span<const uint32_t>(all));
+  std::reverse(general.begin(), general.end());
   std::vector<Match> exact = matcher.match(first);
   if (idsOf(exact) != idsOf(general)) __builtin_trap();
+  std::vector<Match> pooled = Matcher(store).match(first, std::span<const uint32_t>(even));
+  std::vector<Match> generalEven;
+  for (const Match& match : general) {
+    if (match.id % 2 == 0) generalEven.push_back(match);
+  }
+  if (idsOf(pooled) != idsOf(generalEven)) __builtin_trap();
   if (fast.size() < exact.size() || fast.size() > exact.size() + Matcher::maxFuzzyResults) {
     __builtin_trap();
   }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -139,7 +140,7 @@ TEST(IndexWriterTest, AnImageIsTheFileAndIsCheckedAsOne) {
 
   auto imageOf = [](const std::string& bytes) {
     return platform::MappedFile::filled(bytes.size(), [&](std::span<uint8_t> into) {
-      std::memcpy(into.data(), bytes.data(), bytes.size());
+      std::copy(bytes.begin(), bytes.end(), into.begin());
     });
   };
   std::string flipped = file;
