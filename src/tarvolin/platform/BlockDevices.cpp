@@ -1,6 +1,5 @@
 #include "tarvolin/platform/BlockDevices.h"
 
-#include <blkid/blkid.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -11,6 +10,7 @@
 #include <system_error>
 
 #include "tarvolin/platform/MountTable.h"
+#include "tarvolin/platform/detail/LibMount.h"
 
 namespace tarvolin::platform {
 
@@ -66,13 +66,15 @@ std::optional<std::string> linkNameFor(const char* folder, uint64_t device) {
 }
 
 struct ProbeDeleter {
-  void operator()(blkid_struct_probe* probe) const { blkid_free_probe(probe); }
+  const detail::LibBlkid* api;
+  void operator()(blkid_struct_probe* probe) const { api->blkid_free_probe(probe); }
 };
 
-std::optional<std::string> probeValue(blkid_probe probe, const char* name) {
+std::optional<std::string> probeValue(const detail::LibBlkid& api, blkid_probe probe,
+                                      const char* name) {
   const char* data = nullptr;
   size_t length = 0;
-  if (blkid_probe_lookup_value(probe, name, &data, &length) != 0 || data == nullptr) {
+  if (api.blkid_probe_lookup_value(probe, name, &data, &length) != 0 || data == nullptr) {
     return std::nullopt;
   }
   std::string value(data, length);
@@ -83,37 +85,43 @@ std::optional<std::string> probeValue(blkid_probe probe, const char* name) {
 
 // Reads the superblock. Fails without read access to the device (an ordinary user).
 std::optional<BlockDeviceIdentity> probeDevice(const std::string& devicePath) {
+  const detail::LibBlkid* api = detail::libBlkid();
+  if (api == nullptr) return std::nullopt;
   std::unique_ptr<blkid_struct_probe, ProbeDeleter> probe(
-      blkid_new_probe_from_filename(devicePath.c_str()));
+      api->blkid_new_probe_from_filename(devicePath.c_str()), ProbeDeleter{api});
   if (!probe) return std::nullopt;
-  blkid_probe_enable_superblocks(probe.get(), 1);
-  blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_UUID | BLKID_SUBLKS_LABEL);
-  if (blkid_do_safeprobe(probe.get()) != 0) return BlockDeviceIdentity{};
-  return BlockDeviceIdentity{probeValue(probe.get(), "UUID"), probeValue(probe.get(), "LABEL")};
+  api->blkid_probe_enable_superblocks(probe.get(), 1);
+  api->blkid_probe_set_superblocks_flags(probe.get(), BLKID_SUBLKS_UUID | BLKID_SUBLKS_LABEL);
+  if (api->blkid_do_safeprobe(probe.get()) != 0) return BlockDeviceIdentity{};
+  return BlockDeviceIdentity{probeValue(*api, probe.get(), "UUID"),
+                             probeValue(*api, probe.get(), "LABEL")};
 }
 
 struct CacheDeleter {
-  void operator()(blkid_struct_cache* cache) const { blkid_put_cache(cache); }
+  const detail::LibBlkid* api;
+  void operator()(blkid_struct_cache* cache) const { api->blkid_put_cache(cache); }
 };
 
 // What libblkid's cache file remembers of the device, without probing it again (so nothing
 // changes and nothing is written back).
 BlockDeviceIdentity cachedIdentity(const std::string& devicePath) {
+  const detail::LibBlkid* api = detail::libBlkid();
+  if (api == nullptr) return {};
   blkid_cache raw = nullptr;
-  if (blkid_get_cache(&raw, nullptr) != 0 || raw == nullptr) return {};
-  std::unique_ptr<blkid_struct_cache, CacheDeleter> cache(raw);
-  blkid_dev device = blkid_get_dev(cache.get(), devicePath.c_str(), BLKID_DEV_FIND);
+  if (api->blkid_get_cache(&raw, nullptr) != 0 || raw == nullptr) return {};
+  std::unique_ptr<blkid_struct_cache, CacheDeleter> cache(raw, CacheDeleter{api});
+  blkid_dev device = api->blkid_get_dev(cache.get(), devicePath.c_str(), BLKID_DEV_FIND);
   if (device == nullptr) return {};
   BlockDeviceIdentity identity;
-  blkid_tag_iterate tags = blkid_tag_iterate_begin(device);
+  blkid_tag_iterate tags = api->blkid_tag_iterate_begin(device);
   const char* type = nullptr;
   const char* value = nullptr;
-  while (tags != nullptr && blkid_tag_next(tags, &type, &value) == 0) {
+  while (tags != nullptr && api->blkid_tag_next(tags, &type, &value) == 0) {
     if (value == nullptr || value[0] == '\0') continue;
     if (std::string_view(type) == "UUID") identity.uuid = value;
     if (std::string_view(type) == "LABEL") identity.label = value;
   }
-  if (tags != nullptr) blkid_tag_iterate_end(tags);
+  if (tags != nullptr) api->blkid_tag_iterate_end(tags);
   return identity;
 }
 
@@ -139,7 +147,9 @@ std::optional<std::string> devicePathFor(uint64_t device) {
       if (blockDeviceNumber(path) == device) return path;
     }
   }
-  if (char* name = blkid_devno_to_devname(static_cast<dev_t>(device)); name != nullptr) {
+  const detail::LibBlkid* api = detail::libBlkid();
+  char* name = api != nullptr ? api->blkid_devno_to_devname(static_cast<dev_t>(device)) : nullptr;
+  if (name != nullptr) {
     std::string path(name);
     std::free(name);
     return path;

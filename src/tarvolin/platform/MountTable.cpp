@@ -1,6 +1,5 @@
 #include "tarvolin/platform/MountTable.h"
 
-#include <libmount.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
 
@@ -9,6 +8,8 @@
 #include <cstdio>
 #include <memory>
 #include <unordered_map>
+
+#include "tarvolin/platform/detail/LibMount.h"
 
 namespace tarvolin::platform {
 
@@ -28,14 +29,17 @@ constexpr std::array<std::string_view, 27> kPseudoTypes = {
     "fusectl",  "binfmt_misc", "hugetlbfs", "efivarfs", "rpc_pipefs", "nsfs",    "selinuxfs",
     "nfsd",     "binder",      "ipathfs",   "usbfs",    "resctrl",    "smackfs"};
 
-struct TableDeleter {
-  void operator()(libmnt_table* table) const { mnt_unref_table(table); }
-};
-struct IterDeleter {
-  void operator()(libmnt_iter* iter) const { mnt_free_iter(iter); }
-};
 struct FileCloser {
   void operator()(FILE* file) const { std::fclose(file); }
+};
+
+struct TableDeleter {
+  const detail::LibMount* api;
+  void operator()(libmnt_table* table) const { api->mnt_unref_table(table); }
+};
+struct IterDeleter {
+  const detail::LibMount* api;
+  void operator()(libmnt_iter* iter) const { api->mnt_free_iter(iter); }
 };
 using Table = std::unique_ptr<libmnt_table, TableDeleter>;
 
@@ -44,24 +48,25 @@ std::string text(const char* value) { return value == nullptr ? std::string() : 
 // A malformed line is skipped, not the whole table.
 int skipBadLine(libmnt_table*, const char*, int) { return 1; }
 
-Table newTable() {
-  Table table(mnt_new_table());
-  if (table) mnt_table_set_parser_errcb(table.get(), skipBadLine);
+Table newTable(const detail::LibMount& api) {
+  Table table(api.mnt_new_table(), TableDeleter{&api});
+  if (table) api.mnt_table_set_parser_errcb(table.get(), skipBadLine);
   return table;
 }
 
-std::vector<MountEntry> entriesOf(libmnt_table* table) {
+std::vector<MountEntry> entriesOf(const detail::LibMount& api, libmnt_table* table) {
   std::vector<MountEntry> entries;
-  std::unique_ptr<libmnt_iter, IterDeleter> iter(mnt_new_iter(MNT_ITER_FORWARD));
+  std::unique_ptr<libmnt_iter, IterDeleter> iter(api.mnt_new_iter(MNT_ITER_FORWARD),
+                                                 IterDeleter{&api});
   if (!iter) return entries;
   libmnt_fs* fs = nullptr;
-  while (mnt_table_next_fs(table, iter.get(), &fs) == 0) {
-    const char* target = mnt_fs_get_target(fs);
+  while (api.mnt_table_next_fs(table, iter.get(), &fs) == 0) {
+    const char* target = api.mnt_fs_get_target(fs);
     if (target == nullptr || target[0] == '\0') continue;
-    entries.push_back(MountEntry{text(mnt_fs_get_source(fs)), target, text(mnt_fs_get_fstype(fs)),
-                                 text(mnt_fs_get_options(fs)),
-                                 static_cast<uint64_t>(mnt_fs_get_devno(fs)),
-                                 text(mnt_fs_get_root(fs))});
+    entries.push_back(MountEntry{text(api.mnt_fs_get_source(fs)), target,
+                                 text(api.mnt_fs_get_fstype(fs)), text(api.mnt_fs_get_options(fs)),
+                                 static_cast<uint64_t>(api.mnt_fs_get_devno(fs)),
+                                 text(api.mnt_fs_get_root(fs))});
   }
   return entries;
 }
@@ -79,20 +84,23 @@ FileSystemKind fileSystemKind(std::string_view fsType) {
 }
 
 std::vector<MountEntry> readMountTable() {
-  Table table = newTable();
-  if (!table || mnt_table_parse_file(table.get(), "/proc/self/mountinfo") != 0) return {};
-  return entriesOf(table.get());
+  const detail::LibMount* api = detail::libMount();
+  if (api == nullptr) return {};
+  Table table = newTable(*api);
+  if (!table || api->mnt_table_parse_file(table.get(), "/proc/self/mountinfo") != 0) return {};
+  return entriesOf(*api, table.get());
 }
 
 std::vector<MountEntry> parseMountTable(std::string_view mountinfo) {
-  if (mountinfo.empty()) return {};  // fmemopen refuses an empty buffer
+  const detail::LibMount* api = detail::libMount();
+  if (api == nullptr || mountinfo.empty()) return {};  // fmemopen refuses an empty buffer
   // libmount reads streams only; the buffer is read, never written, despite the mode's cast.
   std::unique_ptr<FILE, FileCloser> stream(
       fmemopen(const_cast<char*>(mountinfo.data()), mountinfo.size(), "r"));
-  Table table = newTable();
+  Table table = newTable(*api);
   if (!stream || !table) return {};
-  if (mnt_table_parse_stream(table.get(), stream.get(), "mountinfo") != 0) return {};
-  return entriesOf(table.get());
+  if (api->mnt_table_parse_stream(table.get(), stream.get(), "mountinfo") != 0) return {};
+  return entriesOf(*api, table.get());
 }
 
 std::vector<MountEntry> visibleMounts(std::vector<MountEntry> table) {

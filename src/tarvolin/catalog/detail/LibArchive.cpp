@@ -1,38 +1,28 @@
 #include "tarvolin/catalog/detail/LibArchive.h"
 
-#include <dlfcn.h>
-
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "tarvolin/catalog/CatalogArchive.h"
+#include "tarvolin/platform/SharedLibrary.h"
 
 namespace tarvolin::detail {
 
 namespace {
 
-// The library's name with its ABI version (stable since 2012), then the development link.
-constexpr const char* kLibraryNames[] = {"libarchive.so.13", "libarchive.so"};
-
 template <typename Function>
 void resolve(void* library, const char* name, Function& slot) {
-  void* symbol = dlsym(library, name);
-  if (symbol == nullptr) {
+  if (!platform::resolveSymbol(library, name, slot)) {
     throw CatalogArchive::ArchiveError::toolFailed(std::string("the archive library lacks ") +
                                                    name);
   }
-  slot = reinterpret_cast<Function>(symbol);
 }
 
 LibArchive load() {
-  void* library = nullptr;
+  // The name with its ABI version (stable since 2012), then the development link.
   std::string failure;
-  for (const char* name : kLibraryNames) {
-    library = dlopen(name, RTLD_NOW | RTLD_LOCAL);
-    if (library != nullptr) break;
-    if (failure.empty()) failure = dlerror();
-  }
+  void* library = platform::openSharedLibrary({"libarchive.so.13", "libarchive.so"}, failure);
   if (library == nullptr) {
     throw CatalogArchive::ArchiveError::toolFailed(
         "cannot load the archive library (libarchive): " + failure);
