@@ -17,6 +17,7 @@
 #include "tarvolin/index/IndexBuilder.h"
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/index/IndexWriter.h"
+#include "tarvolin/query/ExtensionIndex.h"
 #include "tarvolin/query/Matcher.h"
 #include "tarvolin/query/QueryParser.h"
 #include "tarvolin/query/Ranker.h"
@@ -106,6 +107,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (match.id % 2 == 0) generalEven.push_back(match);
   }
   if (idsOf(pooled) != idsOf(generalEven)) __builtin_trap();
+  // With extension groups (".md" and the runs after "a.b" and ".." have them).
+  static const auto groups = std::make_shared<const ExtensionIndex>(
+      *ExtensionIndex::build(*store, [] { return false; }));
+  Matcher grouped(store);
+  grouped.setExtensions(groups);
+  if (grouped.match(first) != exact) __builtin_trap();
   if (fast.size() < exact.size() || fast.size() > exact.size() + Matcher::maxFuzzyResults) {
     __builtin_trap();
   }

@@ -12,6 +12,7 @@
 #include "support/TempTree.h"
 #include "tarvolin/index/IndexWriter.h"
 #include "tarvolin/platform/Regex.h"
+#include "tarvolin/query/ExtensionIndex.h"
 #include "tarvolin/query/FuzzyMatcher.h"
 #include "tarvolin/query/Matcher.h"
 #include "tarvolin/query/QueryParser.h"
@@ -154,24 +155,80 @@ TEST_F(LargeIndexTest, EveryStrategyAgreesWithTheGeneralEvaluation) {
       {"ext:md | /kelvin/", true},
       {"report | ext:md | photo", true},
       {"ext:md | size:>1kb", true},
+      // With extension groups: a group alone, with other terms, under a not, in or-groups, and
+      // extensions without a group (rare or absent), which fall back to the scans.
+      {"ext:MD", true},
+      {"ext:md report", true},
+      {"report ext:txt,swift size:>1kb", true},
+      {"ext:md ext:txt", true},
+      {"ext:txt ext:txt,md", true},
+      {"ext:md !ext:txt", true},
+      {"ext:md !report", true},
+      {"ext:zzz", true},
+      {"ext:md,zzz", true},
+      {"ext:,", true},
+      {"ext:gz", true},
+      {"ext:app folder:", true},
+      {"ext:txt,swift | ext:md report", true},
+      {"!ext:txt,swift !ext:zzz", true},
   };
   // Candidates out of ID order always take the general evaluation (a large pool in order may
   // take the word scan); its matches come in candidate order.
   std::vector<uint32_t> all = allIDs();
   std::reverse(all.begin(), all.end());
+  auto extensions = std::make_shared<const ExtensionIndex>(
+      *ExtensionIndex::build(*store_, [] { return false; }));
   for (const Case& c : cases) {
     Query query = QueryParser::parse(c.query);
-    Matcher strategies(store_);
     Matcher general(store_);
-    std::vector<Match> fast = strategies.match(query);
     std::vector<Match> reference = general.match(query, std::span<const uint32_t>(all));
     std::reverse(reference.begin(), reference.end());
-    if (c.sameQuality) {
-      EXPECT_EQ(fast, reference) << c.query;
-    } else {
-      EXPECT_EQ(idsOf(fast), idsOf(reference)) << c.query;
+    for (bool grouped : {false, true}) {
+      Matcher strategies(store_);
+      if (grouped) strategies.setExtensions(extensions);
+      std::vector<Match> fast = strategies.match(query);
+      if (c.sameQuality) {
+        EXPECT_EQ(fast, reference) << c.query << (grouped ? " (extension groups)" : "");
+      } else {
+        EXPECT_EQ(idsOf(fast), idsOf(reference)) << c.query;
+      }
     }
   }
+}
+
+// Each group holds exactly the live records of its extension, in any case spelling; an
+// extension of fewer records than the minimum has none; a cancelled build gives nothing.
+TEST_F(LargeIndexTest, ExtensionGroupsHoldEveryLiveRecordOfTheirExtension) {
+  std::optional<ExtensionIndex> extensions = ExtensionIndex::build(*store_, [] { return false; });
+  ASSERT_TRUE(extensions);
+  Matcher matcher(store_);
+  size_t grouped = 0;
+  for (const char* extension : {"md", "txt", "swift", "gz", "app", "jpg", "final", "zzz", "ab"}) {
+    Term term = Term::ext(extension);
+    std::vector<uint32_t> live;
+    for (uint32_t id = 0; id < store_->count(); ++id) {
+      if (!(*store_)[id].flags.contains(RecordFlags::deleted) && matcher.matches(term, id)) {
+        live.push_back(id);
+      }
+    }
+    std::optional<std::span<const uint32_t>> group = extensions->records(extension);
+    if (live.size() >= ExtensionIndex::minimumGroup) {
+      ASSERT_TRUE(group) << extension;
+      EXPECT_EQ(std::vector<uint32_t>(group->begin(), group->end()), live) << extension;
+      ++grouped;
+    } else {
+      EXPECT_FALSE(group) << extension << " has " << live.size();
+    }
+  }
+  EXPECT_GE(grouped, 5u);
+  EXPECT_FALSE(extensions->recordsOfAny("md,zzz"));
+  EXPECT_EQ(extensions->recordsOfAny("md,,MD")->size(), extensions->records("md")->size());
+  EXPECT_FALSE(ExtensionIndex::build(*store_, [] { return true; }));
+  // Groups of another store would name records it does not have.
+  auto small = testing::writeAndLoad(largeTree(30), *tree_ / "small.bin");
+  Matcher other(small);
+  EXPECT_THROW(other.setExtensions(std::make_shared<const ExtensionIndex>(std::move(*extensions))),
+               std::invalid_argument);
 }
 
 // A typing session narrows a word's matches to the previous word's: over a large pool the

@@ -43,6 +43,13 @@ Matcher::Matcher(std::shared_ptr<const IndexStore> store)
 
 Matcher::~Matcher() = default;
 
+void Matcher::setExtensions(std::shared_ptr<const ExtensionIndex> extensions) {
+  if (extensions && extensions->recordCount() != store_->count()) {
+    throw std::invalid_argument("the extension groups are not the store's");
+  }
+  extensions_ = std::move(extensions);
+}
+
 std::vector<Match> Matcher::match(const Query& query,
                                   std::optional<std::span<const uint32_t>> candidates) {
   if (query.isEmpty()) return {};
@@ -95,7 +102,7 @@ std::vector<Match> Matcher::match(const Query& query,
   // to evaluate to those the vectorised scans for it (and for its partners) find; the evaluation
   // over them keeps ID order, so the result is the general evaluation's.
   if (plain) {
-    if (auto found = literalMatch(terms)) return std::move(*found);
+    if (auto found = groupMatch(terms)) return std::move(*found);
     if (auto found = complementMatch(terms)) return std::move(*found);
   } else if (auto found = orGroupsMatch(query.orGroups)) {
     return std::move(*found);
@@ -151,16 +158,64 @@ std::optional<std::vector<Match>> Matcher::literalMatch(const std::vector<Term>&
   return scanLiteral(*literal, verdict);
 }
 
+std::optional<std::vector<uint32_t>> Matcher::extensionRecords(const Term& term) const {
+  if (!extensions_ || term.kind() != Term::Kind::ext) return std::nullopt;
+  return extensions_->recordsOfAny(term.text());
+}
+
+std::optional<std::vector<Match>> Matcher::extensionMatch(const std::vector<Term>& terms) {
+  if (!extensions_) return std::nullopt;
+  // The extension term with the fewest records: the others are evaluated over its records.
+  std::optional<std::vector<uint32_t>> records;
+  size_t chosen = 0;
+  for (size_t i = 0; i < terms.size(); ++i) {
+    auto found = extensionRecords(terms[i]);
+    if (found && (!records || found->size() < records->size())) {
+      records = std::move(found);
+      chosen = i;
+    }
+  }
+  if (!records) return std::nullopt;
+  const IndexStore& store = *store_;
+  std::vector<Term> rest = terms;
+  rest.erase(rest.begin() + static_cast<ptrdiff_t>(chosen));
+  if (rest.empty()) {
+    // The group is the answer: it holds no deleted record, and an extension is not scored, so
+    // every record matches as a substring at offset 0.
+    std::vector<Match> found(records->size());
+    for (size_t i = 0; i < found.size(); ++i) {
+      found[i] = Match{(*records)[i], MatchQuality::substring, 0};
+    }
+    return found;
+  }
+  // A large group with a literal among the other terms: the scan for the literal comes to
+  // fewer records to evaluate.
+  if (records->size() > store.count() / 16 && requiredLiteral(rest)) return std::nullopt;
+  // The extension term holds for every record of its group and scores nothing, so the other
+  // terms decide, with the qualities and offsets the whole list would give.
+  Query others;
+  others.andTerms = std::move(rest);
+  return evaluate(others, std::span<const uint32_t>(*records), /*parallel=*/true,
+                  detail::Evaluator::Literals::prefilter);
+}
+
+std::optional<std::vector<Match>> Matcher::groupMatch(const std::vector<Term>& terms) {
+  if (auto found = extensionMatch(terms)) return found;
+  return literalMatch(terms);
+}
+
 std::optional<std::vector<Match>> Matcher::orGroupsMatch(
     const std::vector<std::vector<Term>>& groups) {
   for (const auto& group : groups) {
-    if (!requiredLiteral(group)) return std::nullopt;
+    bool grouped = std::any_of(group.begin(), group.end(),
+                               [this](const Term& term) { return extensionRecords(term).has_value(); });
+    if (!grouped && !requiredLiteral(group)) return std::nullopt;
   }
   // A record found by several groups keeps the best quality, the earliest group's among equals,
   // as the general evaluation does.
   std::vector<Match> merged;
   for (const auto& group : groups) {
-    std::vector<Match> found = *literalMatch(group);
+    std::vector<Match> found = *groupMatch(group);
     if (merged.empty()) {
       merged = std::move(found);
       continue;
@@ -186,7 +241,8 @@ std::optional<std::vector<Match>> Matcher::orGroupsMatch(
 
 std::optional<std::vector<Match>> Matcher::complementMatch(const std::vector<Term>& terms) {
   for (const Term& term : terms) {
-    if (term.kind() != Term::Kind::not_ || !requiredLiteral({term.negatedTerm()})) {
+    if (term.kind() != Term::Kind::not_ ||
+        (!extensionRecords(term.negatedTerm()) && !requiredLiteral({term.negatedTerm()}))) {
       return std::nullopt;
     }
   }
@@ -194,6 +250,10 @@ std::optional<std::vector<Match>> Matcher::complementMatch(const std::vector<Ter
   // scans only mark what they find (from several threads, each record by one).
   std::vector<uint8_t> excluded(store_->count(), 0);
   for (const Term& term : terms) {
+    if (auto records = extensionRecords(term.negatedTerm())) {
+      for (uint32_t id : *records) excluded[id] = 1;
+      continue;
+    }
     std::vector<Term> inner{term.negatedTerm()};
     Query group;
     group.andTerms = inner;

@@ -4,7 +4,8 @@
 //
 // For indexes of 20000 records or more it picks a strategy by the query's shape: a vectorised
 // substring scan split across processors (optionally narrowed to trigram blocks), a driver-word
-// scan for several words, a marked-ancestor pass for a sole path term, a literal prefilter for
+// scan for several words, a marked-ancestor pass for a sole path term, the records of an
+// extension's group (when an extension index is set), a literal prefilter for
 // queries whose matches must all hold one literal (a word, an extension, a regular expression's
 // required run or one of the run's partners), and a sharded compiled-term loop. Every strategy
 // returns the same records in the same order as the general evaluation; the multi-word scan reports
@@ -24,6 +25,7 @@
 
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/index/PathResolver.h"
+#include "tarvolin/query/ExtensionIndex.h"
 #include "tarvolin/query/Match.h"
 #include "tarvolin/query/Query.h"
 #include "tarvolin/query/TrigramIndex.h"
@@ -77,6 +79,13 @@ class Matcher {
     trigrams_ = std::move(trigrams);
   }
 
+  /// The optional extension groups built for this store (nullptr: none).
+  const std::shared_ptr<const ExtensionIndex>& extensions() const { return extensions_; }
+  /// Sets or replaces the extension groups, which must have been built for this store (nullptr
+  /// removes them); between searches only. Throws std::invalid_argument for groups of a store
+  /// of another size.
+  void setExtensions(std::shared_ptr<const ExtensionIndex> extensions);
+
   const IndexStore& store() const { return *store_; }
 
  private:
@@ -99,7 +108,14 @@ class Matcher {
   /// The general evaluation of `terms`, through the scan for their required literal; nothing
   /// when they have none.
   std::optional<std::vector<Match>> literalMatch(const std::vector<Term>& terms);
-  /// Or-groups that each have a required literal: the groups' literal matches, merged.
+  /// The records of an extension term's groups, when the extension index has them all.
+  std::optional<std::vector<uint32_t>> extensionRecords(const Term& term) const;
+  /// The general evaluation of `terms` over the groups of one of their extension terms, when
+  /// that is the cheapest way to them; nothing otherwise.
+  std::optional<std::vector<Match>> extensionMatch(const std::vector<Term>& terms);
+  /// `terms` through their extension groups, else through their required literal.
+  std::optional<std::vector<Match>> groupMatch(const std::vector<Term>& terms);
+  /// Or-groups that each have an extension group or a required literal: their matches, merged.
   std::optional<std::vector<Match>> orGroupsMatch(const std::vector<std::vector<Term>>& groups);
   /// Terms that are all negations of terms with a required literal: every record none holds.
   std::optional<std::vector<Match>> complementMatch(const std::vector<Term>& terms);
@@ -109,6 +125,7 @@ class Matcher {
   std::shared_ptr<const IndexStore> store_;
   PathResolver resolver_;
   std::shared_ptr<const TrigramIndex> trigrams_;
+  std::shared_ptr<const ExtensionIndex> extensions_;
   detail::RegexCache regexCache_;
 };
 

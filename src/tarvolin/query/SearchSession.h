@@ -28,12 +28,17 @@ class SearchSession {
   /// Forgets every level (the search field was cleared or a new typing run begins).
   void reset() { stack_.clear(); }
   size_t stackDepth() const { return stack_.size(); }
-  /// Searches a new index from now on: a new matcher, a new generation, no trigram index.
+  /// Searches a new index from now on: a new matcher, a new generation, no trigram index and no
+  /// extension groups.
   void updateStore(std::shared_ptr<const IndexStore> store);
 
   const std::shared_ptr<const TrigramIndex>& trigrams() const { return trigrams_; }
   /// Also hands the index to the matcher.
   void setTrigrams(std::shared_ptr<const TrigramIndex> trigrams);
+
+  const std::shared_ptr<const ExtensionIndex>& extensions() const { return extensions_; }
+  /// Also hands the groups to the matcher.
+  void setExtensions(std::shared_ptr<const ExtensionIndex> extensions);
 
   int64_t generation() const { return generation_; }
 
@@ -53,6 +58,7 @@ class SearchSession {
   std::vector<Level> stack_;
   int64_t generation_ = 0;
   std::shared_ptr<const TrigramIndex> trigrams_;
+  std::shared_ptr<const ExtensionIndex> extensions_;
 };
 
 }  // namespace tarvolin

@@ -19,11 +19,20 @@ std::shared_ptr<const TrigramIndex> trigramsOf(const IndexStore& store) {
   return std::make_shared<const TrigramIndex>(TrigramIndex::build(store, [] { return false; }));
 }
 
+// Null when cancelled.
+std::shared_ptr<const ExtensionIndex> extensionsOf(const IndexStore& store,
+                                                  const std::function<bool()>& isCancelled) {
+  std::optional<ExtensionIndex> built = ExtensionIndex::build(store, isCancelled);
+  if (!built) return nullptr;
+  return std::make_shared<const ExtensionIndex>(std::move(*built));
+}
+
 }  // namespace
 
 LiveIndex::LiveIndex(std::filesystem::path indexPath, std::shared_ptr<const IndexStore> store)
     : store_(std::move(store)),
       trigrams_(trigramsOf(*store_)),
+      extensions_(extensionsOf(*store_, [] { return false; })),
       scores_(Ranker::scoresOf(store_)),
       lastChangeAt_(secondsNow()),
       indexPath_(std::move(indexPath)),
@@ -36,7 +45,7 @@ std::shared_ptr<const IndexStore> LiveIndex::current() const {
 
 LiveIndex::Snapshot LiveIndex::snapshot() const {
   std::lock_guard guard(lock_);
-  return {store_, trigrams_, scores_};
+  return {store_, trigrams_, extensions_, scores_};
 }
 
 void LiveIndex::buildSearchTables(const std::function<bool()>& isCancelled) {
@@ -49,10 +58,13 @@ void LiveIndex::buildSearchTables(const std::function<bool()>& isCancelled) {
   auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store, isCancelled));
   // A cancelled build is empty and answers "nowhere": never attach one.
   if (isCancelled()) return;
+  std::shared_ptr<const ExtensionIndex> extensions = extensionsOf(*store, isCancelled);
+  if (!extensions) return;
   std::shared_ptr<const std::vector<int32_t>> scores = Ranker::scoresOf(store);
   std::lock_guard guard(lock_);
   if (store_ == store) {
     trigrams_ = std::move(trigrams);
+    extensions_ = std::move(extensions);
     scores_ = std::move(scores);
   }
 }
@@ -61,6 +73,7 @@ void LiveIndex::publish(std::shared_ptr<const IndexStore> store) {
   std::lock_guard guard(lock_);
   store_ = std::move(store);
   trigrams_ = nullptr;
+  extensions_ = nullptr;
   scores_ = nullptr;
   lastChangeAt_ = secondsNow();
 }

@@ -3,8 +3,9 @@
 // to every connection; a newer store (after changes on disk were applied) replaces it as a
 // whole, so a search always runs on one consistent store while the next is being made. A store
 // that stays current for a while gets a trigram index of its names, so that a search for a rare
-// name looks at a few blocks of records instead of all of them, and a table of every record's
-// ranking score, so that ranking a million matches is a lookup each; a new store is served at
+// name looks at a few blocks of records instead of all of them, the groups of its records by
+// extension, so that `ext:py` is a list at hand instead of a pass over every name, and a table
+// of every record's ranking score, so that ranking a million matches is a lookup each; a new store is served at
 // once without them (its searches scan every name and rank by walking folders) until its own are
 // built. It
 // also knows what `tvl status` reports about the index: its roots, how they are watched and
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "tarvolin/index/IndexStore.h"
+#include "tarvolin/query/ExtensionIndex.h"
 #include "tarvolin/query/TrigramIndex.h"
 #include "tarvolin/service/ServiceProtocol.h"
 
@@ -36,10 +38,12 @@ class LiveIndex {
 
   /// The store searches should use now.
   std::shared_ptr<const IndexStore> current() const;
-  /// The current store with its trigram index and score table (null while it has none).
+  /// The current store with its trigram index, extension groups and score table (null while it
+  /// has none).
   struct Snapshot {
     std::shared_ptr<const IndexStore> store;
     std::shared_ptr<const TrigramIndex> trigrams;
+    std::shared_ptr<const ExtensionIndex> extensions;
     std::shared_ptr<const std::vector<int32_t>> scores;  // Ranker::scoresOf(store)
   };
   Snapshot snapshot() const;
@@ -48,10 +52,11 @@ class LiveIndex {
   virtual ServiceProtocol::StatusAnswer status() const;
 
  protected:
-  /// Replaces the current store (without trigrams or scores); connections move to it with their
+  /// Replaces the current store (without its search tables); connections move to it with their
   /// next request.
   void publish(std::shared_ptr<const IndexStore> store);
-  /// Builds the trigram index and the score table of the current store if it has none;
+  /// Builds the trigram index, extension groups and score table of the current store if it has
+  /// none;
   /// `isCancelled` is polled during the build. Does nothing when the store was replaced
   /// meanwhile.
   void buildSearchTables(const std::function<bool()>& isCancelled);
@@ -61,6 +66,7 @@ class LiveIndex {
   mutable std::mutex lock_;
   std::shared_ptr<const IndexStore> store_;             // guarded by lock_
   std::shared_ptr<const TrigramIndex> trigrams_;        // guarded by lock_; of store_
+  std::shared_ptr<const ExtensionIndex> extensions_;    // guarded by lock_; of store_
   std::shared_ptr<const std::vector<int32_t>> scores_;  // guarded by lock_; of store_
   int64_t lastChangeAt_ = 0;                            // guarded by lock_; seconds since 1970
 

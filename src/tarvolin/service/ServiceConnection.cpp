@@ -38,6 +38,10 @@ void ServiceConnection::refresh() {
     matcher_->setTrigrams(current.trigrams);
     session_->setTrigrams(std::move(current.trigrams));
   }
+  if (current.extensions != session_->extensions()) {
+    matcher_->setExtensions(current.extensions);
+    session_->setExtensions(std::move(current.extensions));
+  }
   if (current.scores && !ranker_->hasScores()) ranker_->useScores(std::move(current.scores));
 }
 
