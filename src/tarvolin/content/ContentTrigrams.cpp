@@ -129,7 +129,9 @@ inline void forEachKey(const uint8_t* bytes, size_t size, Visit&& visit) {
 // One run of consecutive documents, summarised by one thread. `stamp` remembers the last
 // document that counted a key, so each document counts a key once; `counts` holds how many
 // documents of the run hold each key and later becomes the run's write cursor per key.
-struct Shard {
+// Alone on its cache lines: each thread appends to its own shard's keys, and shards side by side
+// would share a line that the threads take turns to own.
+struct alignas(64) Shard {
   uint32_t first = 0;
   uint32_t end = 0;
   platform::ZeroedPages stampPages;

@@ -360,10 +360,12 @@ std::vector<Match> Matcher::blockScan(const std::vector<uint32_t>& blocks,
   }
   detail::ScanKernel kernel = detail::preferredKernel(store);
   size_t workers = std::min<size_t>(total / shardUnit, platform::activeProcessorCount());
-  std::vector<std::vector<Match>> slots(ranges.size());
-  for (size_t r = 0; r < ranges.size(); ++r) slots[r].reserve(ranges[r].second - ranges[r].first);
+  std::vector<detail::ShardList> slots(ranges.size());
+  for (size_t r = 0; r < ranges.size(); ++r) {
+    slots[r].matches.reserve(ranges[r].second - ranges[r].first);
+  }
   auto scanOne = [&](size_t r) {
-    detail::scanRange(store, ranges[r].first, ranges[r].second, needle, kernel, slots[r],
+    detail::scanRange(store, ranges[r].first, ranges[r].second, needle, kernel, slots[r].matches,
                       /*includeDeleted=*/false, verdict);
   };
   if (workers >= 2 && ranges.size() >= 2) {
