@@ -121,6 +121,17 @@ TEST(RankerMemoTest, EveryMemoFormGivesTheSameScores) {
     ASSERT_EQ(lookingUp.score(graded.back()), flatFromTheStart.score(graded.back())) << id;
   }
   EXPECT_EQ(lookingUp.rank(graded, 50), flatFromTheStart.rank(graded, 50));
+  // Enough matches to be ranked in shards: the shards' best, merged, keep every tie in the
+  // order of the matches, as one pass does (the second half holds the same records again).
+  std::vector<Match> many = graded;
+  for (uint32_t id = store->count(); id-- > 0;) {
+    many.push_back(
+        Match{id, static_cast<MatchQuality>((id + 1) % 5), static_cast<int32_t>(id * 7 % 130)});
+  }
+  ASSERT_GT(many.size(), 65536u);
+  for (int64_t limit : {1, 50, 3000}) {
+    EXPECT_EQ(lookingUp.rank(many, limit), flatFromTheStart.rank(many, limit)) << limit;
+  }
   EXPECT_THROW(Ranker(store).useScores(std::make_shared<const std::vector<int32_t>>(3)),
                std::invalid_argument);
 }

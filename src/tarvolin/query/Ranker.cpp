@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "tarvolin/index/ParentWalk.h"
+#include "tarvolin/platform/Concurrency.h"
 #include "tarvolin/platform/Memory.h"
 
 namespace tarvolin {
@@ -35,6 +36,39 @@ constexpr size_t kWalkRecords = ParentWalk::maxDepth + 1;
 inline size_t slotOf(uint32_t id, size_t mask) {
   return static_cast<size_t>((uint64_t{id} * 0x9E3779B97F4A7C15ull) >> 32) & mask;
 }
+
+// Rankings by the score table of at least this many matches run in shards, one per processor.
+constexpr size_t kShardedRankingFrom = 65536;
+
+// The best results offered to it, at most `capacity`, ascending by score. Among equal scores the
+// one offered first ends ahead: a new one goes before its equals, is never kept over an equal
+// one when the list is full, and the one dropped is the lowest offered last.
+class BestList {
+ public:
+  explicit BestList(size_t capacity) : capacity_(capacity) { kept_.reserve(capacity + 1); }
+
+  void offer(const Match& match, int32_t score) {
+    if (kept_.size() == capacity_) {
+      if (capacity_ == 0 || kept_.front().score >= score) return;
+      kept_.erase(kept_.begin());
+    }
+    auto below = [](const RankedResult& r, int32_t v) { return r.score < v; };
+    kept_.insert(std::lower_bound(kept_.begin(), kept_.end(), score, below),
+                 RankedResult{match, score});
+  }
+
+  /// Best first.
+  std::vector<RankedResult> best() && {
+    std::reverse(kept_.begin(), kept_.end());
+    return std::move(kept_);
+  }
+
+ private:
+  size_t capacity_;
+  std::vector<RankedResult> kept_;
+};
+
+constexpr size_t kBuckets = 5;
 }  // namespace
 
 const std::vector<std::string_view>& Ranker::demotedPathComponents() {
@@ -146,23 +180,12 @@ int32_t Ranker::score(const Match& match) {
 std::vector<RankedResult> Ranker::topK(const std::vector<Match>& matches,
                                        const std::vector<uint8_t>& buckets, uint8_t bucket,
                                        int64_t k) {
-  std::vector<RankedResult> kept;  // ascending by score
-  if (k < 1) return kept;
-  auto capacity = static_cast<size_t>(std::min<int64_t>(k, static_cast<int64_t>(matches.size())));
-  kept.reserve(capacity + 1);
-  auto below = [](const RankedResult& r, int32_t v) { return r.score < v; };
+  if (k < 1) return {};
+  BestList list(static_cast<size_t>(std::min<int64_t>(k, static_cast<int64_t>(matches.size()))));
   for (size_t i = 0; i < matches.size(); ++i) {
-    if (buckets[i] != bucket) continue;
-    int32_t s = score(matches[i]);
-    if (kept.size() == capacity) {
-      // Full: a new match must beat the lowest kept score; an equal one never displaces it.
-      if (kept.front().score >= s) continue;
-      kept.erase(kept.begin());
-    }
-    kept.insert(std::lower_bound(kept.begin(), kept.end(), s, below), RankedResult{matches[i], s});
+    if (buckets[i] == bucket) list.offer(matches[i], score(matches[i]));
   }
-  std::reverse(kept.begin(), kept.end());
-  return kept;
+  return std::move(list).best();
 }
 
 void Ranker::prepareCache(size_t matchCount) {
@@ -227,9 +250,62 @@ void Ranker::makeFlat() {
   sparseCount_ = 0;
 }
 
+std::vector<RankedResult> Ranker::rankByTable(const std::vector<Match>& matches,
+                                              int64_t limit) const {
+  const std::vector<int32_t>& table = *scores_;
+  const auto capacity =
+      static_cast<size_t>(std::min<int64_t>(limit, static_cast<int64_t>(matches.size())));
+  // Each shard keeps the best of each bucket among its consecutive run of matches.
+  using Buckets = std::array<std::vector<RankedResult>, kBuckets>;
+  size_t shards = matches.size() < kShardedRankingFrom ? 1 : platform::activeProcessorCount();
+  size_t chunk = (matches.size() + shards - 1) / shards;
+  std::vector<Buckets> partial(shards);
+  auto reduce = [&](size_t shard) {
+    std::array<BestList, kBuckets> lists{BestList(capacity), BestList(capacity),
+                                         BestList(capacity), BestList(capacity),
+                                         BestList(capacity)};
+    size_t end = std::min(matches.size(), (shard + 1) * chunk);
+    for (size_t i = shard * chunk; i < end; ++i) {
+      const Match& match = matches[i];
+      int32_t base = table[match.id];
+      auto bucket = static_cast<size_t>(match.quality);
+      // An application's table score is above zero and no other record's is (scoresOf).
+      if (match.quality <= MatchQuality::wordBoundary && base > 0) bucket = 0;
+      lists[bucket].offer(match,
+                          base - std::clamp<int32_t>(match.matchOffset, 0, maxOffsetPenalty));
+    }
+    for (size_t b = 0; b < kBuckets; ++b) partial[shard][b] = std::move(lists[b]).best();
+  };
+  if (shards == 1) {
+    reduce(0);
+  } else {
+    platform::concurrentPerform(shards, reduce);
+  }
+  // Bucket by bucket, the shards' best merged: the higher score first, and among equal scores
+  // the earlier shard's (its matches came first), as one pass over all of them would keep them.
+  std::vector<RankedResult> results;
+  results.reserve(capacity);
+  for (size_t b = 0; b < kBuckets && results.size() < capacity; ++b) {
+    std::vector<size_t> next(shards, 0);
+    while (results.size() < capacity) {
+      size_t from = shards;
+      for (size_t s = 0; s < shards; ++s) {
+        if (next[s] < partial[s][b].size() &&
+            (from == shards || partial[s][b][next[s]].score > partial[from][b][next[from]].score)) {
+          from = s;
+        }
+      }
+      if (from == shards) break;
+      results.push_back(partial[from][b][next[from]++]);
+    }
+  }
+  return results;
+}
+
 std::vector<RankedResult> Ranker::rank(const std::vector<Match>& matches, int64_t limit) {
   if (limit < 1 || matches.empty()) return {};
-  if (!scores_) prepareCache(matches.size());
+  if (scores_) return rankByTable(matches, limit);
+  prepareCache(matches.size());
   // Bucket = quality, except that applications matched at a word boundary or better join the
   // exact ones. Buckets are noted once; each is then reduced in a pass over the matches, so no
   // match is ever copied.

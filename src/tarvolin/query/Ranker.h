@@ -64,6 +64,10 @@ class Ranker {
     bool appThrough;
   };
 
+  /// `rank` with the score table: one pass that keeps the best of every bucket at once (a score
+  /// is a lookup, so scoring matches of buckets the limit never reaches costs less than passing
+  /// over the matches once per bucket), in shards on several threads for many matches.
+  std::vector<RankedResult> rankByTable(const std::vector<Match>& matches, int64_t limit) const;
   /// The best `k` of the matches whose bucket (see rank) is `bucket`, best first.
   std::vector<RankedResult> topK(const std::vector<Match>& matches,
                                  const std::vector<uint8_t>& buckets, uint8_t bucket, int64_t k);
