@@ -1,7 +1,5 @@
 #include "tarvolin/query/ExtensionIndex.h"
 
-#include <algorithm>
-#include <iterator>
 
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/query/detail/AsciiFold.h"
@@ -83,32 +81,6 @@ std::optional<std::span<const uint32_t>> ExtensionIndex::records(std::string_vie
   if (it == groups_.end()) return std::nullopt;
   return std::span<const uint32_t>(ids_).subspan(it->second.begin,
                                                  it->second.end - it->second.begin);
-}
-
-std::optional<std::vector<uint32_t>> ExtensionIndex::recordsOfAny(std::string_view items) const {
-  std::vector<uint32_t> merged;
-  std::string item;
-  while (true) {
-    size_t comma = items.find(',');
-    item.assign(items.substr(0, comma));
-    if (!item.empty()) {
-      for (char& c : item) c = static_cast<char>(detail::foldAscii(static_cast<uint8_t>(c)));
-      std::optional<std::span<const uint32_t>> group = records(item);
-      if (!group) return std::nullopt;
-      if (merged.empty()) {
-        merged.assign(group->begin(), group->end());
-      } else {
-        std::vector<uint32_t> both;
-        both.reserve(merged.size() + group->size());
-        std::set_union(merged.begin(), merged.end(), group->begin(), group->end(),
-                       std::back_inserter(both));
-        merged = std::move(both);
-      }
-    }
-    if (comma == std::string_view::npos) break;
-    items.remove_prefix(comma + 1);
-  }
-  return merged;
 }
 
 size_t ExtensionIndex::byteSize() const {

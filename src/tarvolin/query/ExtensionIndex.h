@@ -38,11 +38,6 @@ class ExtensionIndex {
   /// extension has no group (fewer than minimumGroup records hold it, or none).
   std::optional<std::span<const uint32_t>> records(std::string_view lowered) const;
 
-  /// The records whose extension is any of the comma-separated `items` (as an `ext` term holds
-  /// them), ascending and without repeats; nothing when some non-empty item has no group. An
-  /// empty item names no extension and adds nothing.
-  std::optional<std::vector<uint32_t>> recordsOfAny(std::string_view items) const;
-
   size_t groupCount() const { return groups_.size(); }
   /// The record count of the store it was built for.
   uint32_t recordCount() const { return recordCount_; }

@@ -158,9 +158,46 @@ std::optional<std::vector<Match>> Matcher::literalMatch(const std::vector<Term>&
   return scanLiteral(*literal, verdict);
 }
 
-std::optional<std::vector<uint32_t>> Matcher::extensionRecords(const Term& term) const {
-  if (!extensions_ || term.kind() != Term::Kind::ext) return std::nullopt;
-  return extensions_->recordsOfAny(term.text());
+bool Matcher::hasExtensionRecords(const Term& term) const {
+  return extensions_ && term.kind() == Term::Kind::ext;
+}
+
+std::optional<std::vector<uint32_t>> Matcher::extensionRecords(const Term& term) {
+  if (!hasExtensionRecords(term)) return std::nullopt;
+  std::vector<uint32_t> merged;
+  std::string_view items = term.text();
+  while (true) {
+    size_t comma = items.find(',');
+    std::string item = detail::lowerAscii(items.substr(0, comma));
+    if (!item.empty()) {
+      std::vector<uint32_t> ids;
+      if (std::optional<std::span<const uint32_t>> group = extensions_->records(item)) {
+        ids.assign(group->begin(), group->end());
+      } else {
+        // An extension too rare for a group: the names that hold "." and it, held to it.
+        detail::Evaluator evaluator(resolver_, regexCache_, Term::ext(item));
+        Verdict verdict = [&evaluator](uint32_t id) -> std::optional<Match> {
+          if (evaluator.evaluate(id)) return Match{id, MatchQuality::substring, 0};
+          return std::nullopt;
+        };
+        std::string dotted = ".";
+        dotted += item;
+        for (const Match& match : scanNeedle(dotted, &verdict)) ids.push_back(match.id);
+      }
+      if (merged.empty()) {
+        merged = std::move(ids);
+      } else {
+        std::vector<uint32_t> both;
+        both.reserve(merged.size() + ids.size());
+        std::set_union(merged.begin(), merged.end(), ids.begin(), ids.end(),
+                       std::back_inserter(both));
+        merged = std::move(both);
+      }
+    }
+    if (comma == std::string_view::npos) break;
+    items.remove_prefix(comma + 1);
+  }
+  return merged;
 }
 
 std::optional<std::vector<Match>> Matcher::extensionMatch(const std::vector<Term>& terms) {
@@ -200,6 +237,10 @@ std::optional<std::vector<Match>> Matcher::extensionMatch(const std::vector<Term
 }
 
 std::optional<std::vector<Match>> Matcher::groupMatch(const std::vector<Term>& terms) {
+  // A lone word: its scan is its evaluation.
+  if (terms.size() == 1 && isNonEmptySubstring(terms[0])) {
+    return scanNeedle(detail::lowerAscii(terms[0].text()));
+  }
   if (auto found = extensionMatch(terms)) return found;
   return literalMatch(terms);
 }
@@ -208,7 +249,7 @@ std::optional<std::vector<Match>> Matcher::orGroupsMatch(
     const std::vector<std::vector<Term>>& groups) {
   for (const auto& group : groups) {
     bool grouped = std::any_of(group.begin(), group.end(),
-                               [this](const Term& term) { return extensionRecords(term).has_value(); });
+                               [this](const Term& term) { return hasExtensionRecords(term); });
     if (!grouped && !requiredLiteral(group)) return std::nullopt;
   }
   // A record found by several groups keeps the best quality, the earliest group's among equals,
@@ -242,7 +283,7 @@ std::optional<std::vector<Match>> Matcher::orGroupsMatch(
 std::optional<std::vector<Match>> Matcher::complementMatch(const std::vector<Term>& terms) {
   for (const Term& term : terms) {
     if (term.kind() != Term::Kind::not_ ||
-        (!extensionRecords(term.negatedTerm()) && !requiredLiteral({term.negatedTerm()}))) {
+        (!hasExtensionRecords(term.negatedTerm()) && !requiredLiteral({term.negatedTerm()}))) {
       return std::nullopt;
     }
   }

@@ -108,12 +108,17 @@ class Matcher {
   /// The general evaluation of `terms`, through the scan for their required literal; nothing
   /// when they have none.
   std::optional<std::vector<Match>> literalMatch(const std::vector<Term>& terms);
-  /// The records of an extension term's groups, when the extension index has them all.
-  std::optional<std::vector<uint32_t>> extensionRecords(const Term& term) const;
+  /// Whether extensionRecords answers for `term`: an extension term, with groups set.
+  bool hasExtensionRecords(const Term& term) const;
+  /// The live records an extension term holds for, ascending: its items' groups, and for an item
+  /// too rare for a group, what the scan for "." and the item keeps. Nothing when
+  /// !hasExtensionRecords(term).
+  std::optional<std::vector<uint32_t>> extensionRecords(const Term& term);
   /// The general evaluation of `terms` over the groups of one of their extension terms, when
   /// that is the cheapest way to them; nothing otherwise.
   std::optional<std::vector<Match>> extensionMatch(const std::vector<Term>& terms);
-  /// `terms` through their extension groups, else through their required literal.
+  /// `terms` through the scan when they are one word, their extension groups, or the scan for
+  /// their required literal.
   std::optional<std::vector<Match>> groupMatch(const std::vector<Term>& terms);
   /// Or-groups that each have an extension group or a required literal: their matches, merged.
   std::optional<std::vector<Match>> orGroupsMatch(const std::vector<std::vector<Term>>& groups);
