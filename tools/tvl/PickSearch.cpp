@@ -107,10 +107,16 @@ void PickSearch::loadStore() {
   session_ = std::make_unique<tarvolin::SearchSession>(store_);
   ranker_ = std::make_unique<tarvolin::Ranker>(store_);
   matcher_ = std::make_unique<tarvolin::Matcher>(store_);
-  // Scoring every record takes about as long as ranking them all: done beside the first
-  // keystrokes, it spares every later keystroke with many matches.
-  scores_ = std::async(std::launch::async,
-                       [store = store_] { return tarvolin::Ranker::scoresOf(store); });
+  // Scoring every record takes about as long as ranking them all, and grouping them by
+  // extension about as long as one search of a common extension: done beside the first
+  // keystrokes, they spare every later keystroke with many matches or an extension.
+  tables_ = std::async(std::launch::async, [store = store_] {
+    Tables tables{tarvolin::Ranker::scoresOf(store), nullptr};
+    if (auto groups = tarvolin::ExtensionIndex::build(*store, [] { return false; })) {
+      tables.extensions = std::make_shared<const tarvolin::ExtensionIndex>(std::move(*groups));
+    }
+    return tables;
+  });
 }
 
 PickSearch::Answer PickSearch::search(const std::string& text, int64_t limit) {
@@ -174,11 +180,15 @@ PickSearch::Answer PickSearch::searchHere(const std::string& text, int64_t limit
     return {};
   }
   if (query.requiresContentScan()) return searchContents(query, limit, start);
-  const std::vector<tarvolin::Match>& matches = session_->search(text);
-  // Once the score table is ready, every ranking looks scores up instead of walking folders.
-  if (scores_.valid() && scores_.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
-    ranker_->useScores(scores_.get());
+  // Once the tables are ready, every ranking looks scores up instead of walking folders, and
+  // an extension is a group at hand.
+  if (tables_.valid() && tables_.wait_for(std::chrono::seconds(0)) == std::future_status::ready) {
+    Tables tables = tables_.get();
+    ranker_->useScores(std::move(tables.scores));
+    session_->setExtensions(tables.extensions);
+    matcher_->setExtensions(std::move(tables.extensions));
   }
+  const std::vector<tarvolin::Match>& matches = session_->search(text);
   std::vector<tarvolin::RankedResult> ranked = ranker_->rank(matches, limit);
   Answer answer;
   answer.total = static_cast<int64_t>(matches.size());

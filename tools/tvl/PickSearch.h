@@ -18,6 +18,7 @@
 
 #include "Commands.h"
 #include "PickScreen.h"
+#include "tarvolin/query/ExtensionIndex.h"
 #include "tarvolin/query/Ranker.h"
 #include "tarvolin/query/SearchSession.h"
 
@@ -78,8 +79,13 @@ class PickSearch {
   std::shared_ptr<const tarvolin::IndexStore> store_;
   std::unique_ptr<tarvolin::SearchSession> session_;
   std::unique_ptr<tarvolin::Ranker> ranker_;
-  // The store's score table, computed in the background; taken by the ranker once ready.
-  std::future<std::shared_ptr<const std::vector<int32_t>>> scores_;
+  // The store's score table and extension groups, computed in the background; taken by the
+  // ranker and the session once ready.
+  struct Tables {
+    std::shared_ptr<const std::vector<int32_t>> scores;
+    std::shared_ptr<const tarvolin::ExtensionIndex> extensions;
+  };
+  std::future<Tables> tables_;
   std::unique_ptr<tarvolin::Matcher> matcher_;  // for the name part of contains: queries
   std::shared_ptr<ContentFeed> feed_;           // the current contains: search, if any
 };
