@@ -445,13 +445,48 @@ TEST(PartnerSpellingTest, WholeRunsStillFindNamesSpelledWithPartners) {
 
 TEST_F(LargeIndexTest, TrigramBlockScanFindsWhatTheFullScanFinds) {
   auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store_, nullptr));
-  for (const char* word : {"report", "résumé", "colour", "x_ab", "zzzz", "photo final", "ab"}) {
+  // Several words are looked for in the blocks they all hold.
+  for (const char* word : {"report", "résumé", "colour", "x_ab", "zzzz", "photo final", "ab",
+                           "report final", "final report draft", "img_ photo", "ab report",
+                           "zzzz report", "report zzzz", "ab x_", "kelvin sources"}) {
     Query query = QueryParser::parse(word);
     Matcher plain(store_);
     Matcher narrowed(store_);
     narrowed.setTrigrams(trigrams);
     EXPECT_EQ(narrowed.match(query), plain.match(query)) << word;
   }
+}
+
+// Two words common alone but together only in a few blocks: the block scan covers just those.
+TEST(TrigramNarrowingTest, SeveralWordsAreLookedForInTheBlocksTheyAllHold) {
+  IndexBuilder builder;
+  uint32_t root = builder.addEntry(std::string_view(""), FileRecord::rootParentID,
+                                   RecordFlags::isDirectory, 0);
+  const uint32_t blocks = 25;
+  while (builder.recordCount() < blocks * TrigramIndex::blockSize) {
+    uint32_t block = builder.recordCount() / TrigramIndex::blockSize;
+    std::string name = "file" + std::to_string(builder.recordCount());
+    if (block < 15) name += " alpha";
+    if (block >= 10) name += " beta";
+    builder.addEntry(std::string_view(name), root, RecordFlags(), 0);
+  }
+  testing::TempTree tree;
+  auto store = testing::writeAndLoad(builder, tree / "index.bin");
+  auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store, nullptr));
+  std::vector<std::string_view> words{"alpha", "beta"};
+  EXPECT_FALSE(trigrams->candidateBlocks("alpha"));
+  EXPECT_EQ(trigrams->candidateBlocksForAll(words),
+            (std::vector<uint32_t>{10, 11, 12, 13, 14}));
+  for (const char* text : {"alpha beta", "beta alpha", "alpha be", "zzz alpha"}) {
+    Query query = QueryParser::parse(text);
+    Matcher plain(store);
+    Matcher narrowed(store);
+    narrowed.setTrigrams(trigrams);
+    std::vector<Match> expected = plain.match(query);
+    EXPECT_EQ(narrowed.match(query), expected) << text;
+  }
+  EXPECT_EQ(Matcher(store).match(QueryParser::parse("alpha beta")).size(),
+            5 * TrigramIndex::blockSize);
 }
 
 TEST_F(LargeIndexTest, EveryKernelAgreesWithTheScalarScan) {

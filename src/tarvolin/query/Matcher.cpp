@@ -434,7 +434,17 @@ std::vector<Match> Matcher::multiTokenMatch(const std::vector<Term>& terms) {
     return a.characters < b.characters;
   });
   auto driver = static_cast<size_t>(longest - tokens.begin());
-  std::vector<Match> hits = scanNeedle(tokens[driver].lowered);
+  // A name holding every word lies in a block holding all their sequences: the blocks the
+  // words have in common are far fewer than the driver's own ("python3 config").
+  std::optional<std::vector<uint32_t>> blocks;
+  if (trigrams_) {
+    std::vector<std::string_view> words;
+    for (const Token& token : tokens) words.push_back(token.lowered);
+    blocks = trigrams_->candidateBlocksForAll(words);
+  }
+  std::vector<Match> hits =
+      blocks ? blockScan(*blocks, tokens[driver].lowered, nullptr)
+             : fullScan(tokens[driver].lowered, nullptr);
   std::erase_if(hits, [&](const Match& hit) {
     std::string_view name = store_->nameBytes(hit.id);
     for (size_t t = 0; t < tokens.size(); ++t) {

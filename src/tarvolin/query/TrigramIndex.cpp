@@ -105,20 +105,28 @@ std::optional<std::pair<const uint32_t*, const uint32_t*>> TrigramIndex::blocks(
 }
 
 std::optional<std::vector<uint32_t>> TrigramIndex::candidateBlocks(std::string_view needle) const {
-  if (needle.size() < minNeedleLength) return std::nullopt;
+  return candidateBlocksForAll(std::span<const std::string_view>(&needle, 1));
+}
+
+std::optional<std::vector<uint32_t>> TrigramIndex::candidateBlocksForAll(
+    std::span<const std::string_view> needles) const {
   using Slice = std::pair<const uint32_t*, const uint32_t*>;
   std::vector<Slice> slices;
   bool absent = false;
-  forEachKey(needle, [&](uint32_t key) {
-    if (absent) return;
-    auto slice = blocks(key);
-    if (!slice) {
-      absent = true;
-      return;
-    }
-    slices.push_back(*slice);
-  });
+  for (std::string_view needle : needles) {
+    if (needle.size() < minNeedleLength) continue;
+    forEachKey(needle, [&](uint32_t key) {
+      if (absent) return;
+      auto slice = blocks(key);
+      if (!slice) {
+        absent = true;
+        return;
+      }
+      slices.push_back(*slice);
+    });
+  }
   if (absent) return std::vector<uint32_t>();
+  if (slices.empty()) return std::nullopt;
   std::stable_sort(slices.begin(), slices.end(), [](const Slice& a, const Slice& b) {
     return a.second - a.first < b.second - b.first;
   });

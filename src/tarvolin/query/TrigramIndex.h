@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -44,6 +45,11 @@ class TrigramIndex {
   /// record can, or nothing when the needle is shorter than 3 bytes or the blocks exceed 55% of
   /// all blocks (scanning everything is then cheaper).
   std::optional<std::vector<uint32_t>> candidateBlocks(std::string_view needle) const;
+  /// The blocks that may hold a name holding every one of `needles` (those of at least 3 bytes
+  /// narrow it; the block of such a name holds all their sequences): the same answers as
+  /// candidateBlocks, nothing when no needle has 3 bytes.
+  std::optional<std::vector<uint32_t>> candidateBlocksForAll(
+      std::span<const std::string_view> needles) const;
 
   /// Record IDs [b * 1024, min(b * 1024 + 1024, recordCount)) as a half-open pair.
   static std::pair<uint32_t, uint32_t> range(uint32_t block, uint32_t recordCount);
