@@ -108,8 +108,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   if (idsOf(pooled) != idsOf(generalEven)) __builtin_trap();
   // With extension groups (".md" and the runs after "a.b" and ".." have them).
-  static const auto groups = std::make_shared<const ExtensionIndex>(
-      *ExtensionIndex::build(*store, [] { return false; }));
+  static const auto groups =
+      std::make_shared<const ExtensionIndex>(*ExtensionIndex::build(*store, [] { return false; }));
   Matcher grouped(store);
   grouped.setExtensions(groups);
   if (grouped.match(first) != exact) __builtin_trap();

@@ -181,8 +181,8 @@ TEST_F(LargeIndexTest, EveryStrategyAgreesWithTheGeneralEvaluation) {
   // take the word scan); its matches come in candidate order.
   std::vector<uint32_t> all = allIDs();
   std::reverse(all.begin(), all.end());
-  auto extensions = std::make_shared<const ExtensionIndex>(
-      *ExtensionIndex::build(*store_, [] { return false; }));
+  auto extensions =
+      std::make_shared<const ExtensionIndex>(*ExtensionIndex::build(*store_, [] { return false; }));
   for (const Case& c : cases) {
     Query query = QueryParser::parse(c.query);
     Matcher general(store_);
@@ -460,8 +460,8 @@ TEST_F(LargeIndexTest, TrigramBlockScanFindsWhatTheFullScanFinds) {
 // Two words common alone but together only in a few blocks: the block scan covers just those.
 TEST(TrigramNarrowingTest, SeveralWordsAreLookedForInTheBlocksTheyAllHold) {
   IndexBuilder builder;
-  uint32_t root = builder.addEntry(std::string_view(""), FileRecord::rootParentID,
-                                   RecordFlags::isDirectory, 0);
+  uint32_t root =
+      builder.addEntry(std::string_view(""), FileRecord::rootParentID, RecordFlags::isDirectory, 0);
   const uint32_t blocks = 25;
   while (builder.recordCount() < blocks * TrigramIndex::blockSize) {
     uint32_t block = builder.recordCount() / TrigramIndex::blockSize;
@@ -475,8 +475,7 @@ TEST(TrigramNarrowingTest, SeveralWordsAreLookedForInTheBlocksTheyAllHold) {
   auto trigrams = std::make_shared<const TrigramIndex>(TrigramIndex::build(*store, nullptr));
   std::vector<std::string_view> words{"alpha", "beta"};
   EXPECT_FALSE(trigrams->candidateBlocks("alpha"));
-  EXPECT_EQ(trigrams->candidateBlocksForAll(words),
-            (std::vector<uint32_t>{10, 11, 12, 13, 14}));
+  EXPECT_EQ(trigrams->candidateBlocksForAll(words), (std::vector<uint32_t>{10, 11, 12, 13, 14}));
   for (const char* text : {"alpha beta", "beta alpha", "alpha be", "zzz alpha"}) {
     Query query = QueryParser::parse(text);
     Matcher plain(store);

@@ -1,6 +1,5 @@
 #include "tarvolin/query/ExtensionIndex.h"
 
-
 #include "tarvolin/index/IndexStore.h"
 #include "tarvolin/query/detail/AsciiFold.h"
 

@@ -442,9 +442,8 @@ std::vector<Match> Matcher::multiTokenMatch(const std::vector<Term>& terms) {
     for (const Token& token : tokens) words.push_back(token.lowered);
     blocks = trigrams_->candidateBlocksForAll(words);
   }
-  std::vector<Match> hits =
-      blocks ? blockScan(*blocks, tokens[driver].lowered, nullptr)
-             : fullScan(tokens[driver].lowered, nullptr);
+  std::vector<Match> hits = blocks ? blockScan(*blocks, tokens[driver].lowered, nullptr)
+                                   : fullScan(tokens[driver].lowered, nullptr);
   std::erase_if(hits, [&](const Match& hit) {
     std::string_view name = store_->nameBytes(hit.id);
     for (size_t t = 0; t < tokens.size(); ++t) {

@@ -261,9 +261,8 @@ std::vector<RankedResult> Ranker::rankByTable(const std::vector<Match>& matches,
   size_t chunk = (matches.size() + shards - 1) / shards;
   std::vector<Buckets> partial(shards);
   auto reduce = [&](size_t shard) {
-    std::array<BestList, kBuckets> lists{BestList(capacity), BestList(capacity),
-                                         BestList(capacity), BestList(capacity),
-                                         BestList(capacity)};
+    std::array<BestList, kBuckets> lists{BestList(capacity), BestList(capacity), BestList(capacity),
+                                         BestList(capacity), BestList(capacity)};
     size_t end = std::min(matches.size(), (shard + 1) * chunk);
     for (size_t i = shard * chunk; i < end; ++i) {
       const Match& match = matches[i];

@@ -21,7 +21,7 @@ std::shared_ptr<const TrigramIndex> trigramsOf(const IndexStore& store) {
 
 // Null when cancelled.
 std::shared_ptr<const ExtensionIndex> extensionsOf(const IndexStore& store,
-                                                  const std::function<bool()>& isCancelled) {
+                                                   const std::function<bool()>& isCancelled) {
   std::optional<ExtensionIndex> built = ExtensionIndex::build(store, isCancelled);
   if (!built) return nullptr;
   return std::make_shared<const ExtensionIndex>(std::move(*built));

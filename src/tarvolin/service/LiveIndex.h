@@ -5,11 +5,10 @@
 // that stays current for a while gets a trigram index of its names, so that a search for a rare
 // name looks at a few blocks of records instead of all of them, the groups of its records by
 // extension, so that `ext:py` is a list at hand instead of a pass over every name, and a table
-// of every record's ranking score, so that ranking a million matches is a lookup each; a new store is served at
-// once without them (its searches scan every name and rank by walking folders) until its own are
-// built. It
-// also knows what `tvl status` reports about the index: its roots, how they are watched and
-// when it last changed.
+// of every record's ranking score, so that ranking a million matches is a lookup each; a new store
+// is served at once without them (its searches scan every name and rank by walking folders) until
+// its own are built. It also knows what `tvl status` reports about the index: its roots, how they
+// are watched and when it last changed.
 //
 // `current`, `status` and `indexPath` may be called from any thread.
 
