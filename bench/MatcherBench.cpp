@@ -4,10 +4,12 @@
 #include <benchmark/benchmark.h>
 
 #include <filesystem>
+#include <optional>
 #include <random>
 
 #include "tarvolin/index/IndexBuilder.h"
 #include "tarvolin/index/IndexWriter.h"
+#include "tarvolin/query/ExtensionIndex.h"
 #include "tarvolin/query/Matcher.h"
 #include "tarvolin/query/QueryParser.h"
 #include "tarvolin/query/Ranker.h"
@@ -117,6 +119,36 @@ BENCHMARK_CAPTURE(matchQuery, regex_or, "/^report\\d+/ | zzzqqq")
 BENCHMARK_CAPTURE(matchQuery, or_groups, "ext:txt | ext:h")
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// The same queries with the extension groups the service builds for its store.
+void matchGrouped(benchmark::State& state, const char* text) {
+  auto store = benchStore();
+  static const auto groups =
+      std::make_shared<const ExtensionIndex>(*ExtensionIndex::build(*store, [] { return false; }));
+  Query query = QueryParser::parse(text);
+  Matcher matcher(store);
+  matcher.setExtensions(groups);
+  size_t count = 0;
+  for (auto _ : state) count = matcher.match(query).size();
+  state.counters["matches"] = static_cast<double>(count);
+}
+BENCHMARK_CAPTURE(matchGrouped, compiled, "ext:py !size:>10mb")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+BENCHMARK_CAPTURE(matchGrouped, or_groups, "ext:txt | ext:h")
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+// Grouping the records by extension, as the service does beside its trigram index.
+void BM_ExtensionIndex_Build(benchmark::State& state) {
+  auto store = benchStore();
+  for (auto _ : state) {
+    std::optional<ExtensionIndex> groups = ExtensionIndex::build(*store, [] { return false; });
+    state.counters["groups"] = static_cast<double>(groups->groupCount());
+    state.counters["MB"] = static_cast<double>(groups->byteSize()) / 1e6;
+  }
+}
+BENCHMARK(BM_ExtensionIndex_Build)->Unit(benchmark::kMillisecond);
 
 void fuzzyFallback(benchmark::State& state) {
   auto store = benchStore();
