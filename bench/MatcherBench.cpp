@@ -84,10 +84,16 @@ BENCHMARK_CAPTURE(rangeScan, sse2_letter, detail::ScanKernel::sse2, "e")
 BENCHMARK_CAPTURE(rangeScan, blobAvx2_letter, detail::ScanKernel::blobAvx2, "e")
     ->Unit(benchmark::kMillisecond);
 
-void matchQuery(benchmark::State& state, const char* text) {
+// With `grouped`, the matcher has the extension groups the service builds for its store.
+void matchQuery(benchmark::State& state, const char* text, bool grouped = false) {
   auto store = benchStore();
   Query query = QueryParser::parse(text);
   Matcher matcher(store);
+  if (grouped) {
+    static const auto groups = std::make_shared<const ExtensionIndex>(
+        *ExtensionIndex::build(*store, [] { return false; }));
+    matcher.setExtensions(groups);
+  }
   size_t count = 0;
   for (auto _ : state) count = matcher.match(query).size();
   state.counters["matches"] = static_cast<double>(count);
@@ -120,22 +126,10 @@ BENCHMARK_CAPTURE(matchQuery, or_groups, "ext:txt | ext:h")
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 
-// The same queries with the extension groups the service builds for its store.
-void matchGrouped(benchmark::State& state, const char* text) {
-  auto store = benchStore();
-  static const auto groups =
-      std::make_shared<const ExtensionIndex>(*ExtensionIndex::build(*store, [] { return false; }));
-  Query query = QueryParser::parse(text);
-  Matcher matcher(store);
-  matcher.setExtensions(groups);
-  size_t count = 0;
-  for (auto _ : state) count = matcher.match(query).size();
-  state.counters["matches"] = static_cast<double>(count);
-}
-BENCHMARK_CAPTURE(matchGrouped, compiled, "ext:py !size:>10mb")
+BENCHMARK_CAPTURE(matchQuery, compiled_grouped, "ext:py !size:>10mb", true)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
-BENCHMARK_CAPTURE(matchGrouped, or_groups, "ext:txt | ext:h")
+BENCHMARK_CAPTURE(matchQuery, or_groups_grouped, "ext:txt | ext:h", true)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
 

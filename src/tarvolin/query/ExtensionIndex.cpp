@@ -1,7 +1,7 @@
 #include "tarvolin/query/ExtensionIndex.h"
 
 #include "tarvolin/index/IndexStore.h"
-#include "tarvolin/query/detail/AsciiFold.h"
+#include "tarvolin/query/detail/Extensions.h"
 
 namespace tarvolin {
 
@@ -13,11 +13,12 @@ constexpr uint32_t kPollInterval = 65536;
 constexpr size_t kCountBuckets = size_t{1} << 20;
 constexpr uint32_t kNoGroup = UINT32_MAX;
 
-// The name's extension, ASCII lower-cased into `key`; false when it has none.
+// The name's extension, ASCII lower-cased into `key` (reused, so a key allocates nothing);
+// false when it has none.
 bool extensionKey(std::string_view name, std::string& key) {
-  size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos || dot == 0 || dot + 1 == name.size()) return false;
-  key.assign(name.substr(dot + 1));
+  std::optional<std::string_view> extension = detail::extensionOf(name);
+  if (!extension) return false;
+  key.assign(*extension);
   for (char& c : key) c = static_cast<char>(detail::foldAscii(static_cast<uint8_t>(c)));
   return true;
 }

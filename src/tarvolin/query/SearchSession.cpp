@@ -11,17 +11,13 @@ SearchSession::SearchSession(std::shared_ptr<const IndexStore> store)
 void SearchSession::updateStore(std::shared_ptr<const IndexStore> store) {
   matcher_ = std::make_unique<Matcher>(std::move(store));
   ++generation_;
-  trigrams_.reset();
-  extensions_.reset();
 }
 
 void SearchSession::setTrigrams(std::shared_ptr<const TrigramIndex> trigrams) {
-  trigrams_ = trigrams;
   matcher_->setTrigrams(std::move(trigrams));
 }
 
 void SearchSession::setExtensions(std::shared_ptr<const ExtensionIndex> extensions) {
-  extensions_ = extensions;
   matcher_->setExtensions(std::move(extensions));
 }
 

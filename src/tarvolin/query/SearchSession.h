@@ -32,12 +32,12 @@ class SearchSession {
   /// extension groups.
   void updateStore(std::shared_ptr<const IndexStore> store);
 
-  const std::shared_ptr<const TrigramIndex>& trigrams() const { return trigrams_; }
-  /// Also hands the index to the matcher.
+  const std::shared_ptr<const TrigramIndex>& trigrams() const { return matcher_->trigrams(); }
+  /// Hands the index to the session's matcher.
   void setTrigrams(std::shared_ptr<const TrigramIndex> trigrams);
 
-  const std::shared_ptr<const ExtensionIndex>& extensions() const { return extensions_; }
-  /// Also hands the groups to the matcher.
+  const std::shared_ptr<const ExtensionIndex>& extensions() const { return matcher_->extensions(); }
+  /// Hands the groups to the session's matcher.
   void setExtensions(std::shared_ptr<const ExtensionIndex> extensions);
 
   int64_t generation() const { return generation_; }
@@ -57,8 +57,6 @@ class SearchSession {
   std::unique_ptr<Matcher> matcher_;
   std::vector<Level> stack_;
   int64_t generation_ = 0;
-  std::shared_ptr<const TrigramIndex> trigrams_;
-  std::shared_ptr<const ExtensionIndex> extensions_;
 };
 
 }  // namespace tarvolin

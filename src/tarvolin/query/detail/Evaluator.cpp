@@ -2,19 +2,12 @@
 
 #include "tarvolin/index/ParentWalk.h"
 #include "tarvolin/platform/Unicode.h"
+#include "tarvolin/query/detail/Extensions.h"
 #include "tarvolin/query/detail/NameScan.h"
 
 namespace tarvolin::detail {
 
 namespace {
-
-// The extension of a name: the text after its last "."; none when there is no ".", or the last
-// "." is the first or the last byte.
-std::optional<std::string_view> extensionOf(std::string_view name) {
-  size_t dot = name.rfind('.');
-  if (dot == std::string_view::npos || dot == 0 || dot + 1 == name.size()) return std::nullopt;
-  return name.substr(dot + 1);
-}
 
 bool equalFoldedBytes(std::string_view a, std::string_view lowered) {
   return a.size() == lowered.size() &&
@@ -75,13 +68,7 @@ void Evaluator::compile(RegexCache& regexes, const Term& term, bool negated, Lit
       break;
     case Term::Kind::ext: {
       c.kind = CompiledTerm::Kind::ext;
-      std::string_view items = term.text();
-      while (true) {
-        size_t comma = items.find(',');
-        c.extensions.push_back(lowerAscii(items.substr(0, comma)));
-        if (comma == std::string_view::npos) break;
-        items.remove_prefix(comma + 1);
-      }
+      c.extensions = extensionItems(term.text());
       break;
     }
     case Term::Kind::type:
