@@ -125,6 +125,8 @@ BENCHMARK_CAPTURE(matchQuery, regex_or, "/^report\\d+/ | zzzqqq")
 BENCHMARK_CAPTURE(matchQuery, or_groups, "ext:txt | ext:h")
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+// A not being typed: nearly every record matches.
+BENCHMARK_CAPTURE(matchQuery, negation, "!re")->Unit(benchmark::kMillisecond)->UseRealTime();
 
 BENCHMARK_CAPTURE(matchQuery, compiled_grouped, "ext:py !size:>10mb", true)
     ->Unit(benchmark::kMillisecond)
@@ -168,6 +170,23 @@ void BM_Ranker_Rank(benchmark::State& state) {
   }
   state.SetItemsProcessed(int64_t(state.iterations()) * n);
 }
+// The same with the score table a service or picker builds once per store.
+void BM_Ranker_RankByTable(benchmark::State& state) {
+  auto store = benchStore();
+  static const auto scores = Ranker::scoresOf(store);
+  auto n = static_cast<uint32_t>(state.range(0));
+  std::vector<Match> matches;
+  for (uint32_t i = 0; i < n; ++i) {
+    auto id = static_cast<uint32_t>(uint64_t{i} * store->count() / n);
+    matches.push_back(Match{id, static_cast<MatchQuality>(i % 4), static_cast<int32_t>(i % 30)});
+  }
+  Ranker ranker(store);
+  ranker.useScores(scores);
+  for (auto _ : state) benchmark::DoNotOptimize(ranker.rank(matches, 20).size());
+  state.SetItemsProcessed(int64_t(state.iterations()) * n);
+}
+BENCHMARK(BM_Ranker_RankByTable)->Arg(20000)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
+
 BENCHMARK(BM_Ranker_Rank)
     ->Arg(300)
     ->Arg(2000)

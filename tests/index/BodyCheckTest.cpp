@@ -16,20 +16,21 @@ namespace {
 // What the checks must find, record by record, written the obvious way.
 BodyCheck expected(const std::vector<FileRecord>& records, uint32_t blobLength,
                    std::span<const uint8_t> body) {
-  bool inside = true, inOrder = true;
+  bool inside = true, inOrder = true, anyDeleted = false;
   uint64_t previousEnd = 0;
   for (const FileRecord& r : records) {
+    anyDeleted |= r.flags.contains(RecordFlags::deleted);
     inside &= r.parentID == FileRecord::rootParentID || r.parentID < records.size();
     inside &= uint64_t{r.nameOffset} + r.nameLen <= blobLength;
     inOrder &= r.nameOffset >= previousEnd;
     previousEnd = uint64_t{r.nameOffset} + r.nameLen;
   }
-  return {FastHash64::hash(body), inside, inOrder};
+  return {FastHash64::hash(body), inside, inOrder, anyDeleted};
 }
 
 // Both kernels agree with the plain reading on any records: counts around the eight-record
 // step, links at and around the limits, names in order, touching, overlapping, past the blob and
-// near the top of the offset range.
+// near the top of the offset range; one deleted record anywhere, or none.
 TEST(BodyCheckTest, KernelsAgreeWithThePlainReading) {
   std::vector<CheckKernel> kernels = {CheckKernel::scalar};
   if (platform::hasAvx2()) kernels.push_back(CheckKernel::avx2);
@@ -46,9 +47,10 @@ TEST(BodyCheckTest, KernelsAgreeWithThePlainReading) {
       r.nameOffset = static_cast<uint32_t>(offset);
       offset = std::min<uint64_t>(offset + r.nameLen + random() % 3, 0xFFFFFFFF);
       r.mtime = static_cast<uint32_t>(random());
-      r.flags = RecordFlags(static_cast<uint8_t>(random()));
+      r.flags = RecordFlags(static_cast<uint8_t>(random())) - RecordFlags::deleted;
       r.size = random();
     }
+    if (count > 0 && round % 2 == 0) records[random() % count].flags.insert(RecordFlags::deleted);
     // A blob that ends just before, at or after the last name (never over 4000 bytes).
     int64_t end =
         static_cast<int64_t>(std::min<uint64_t>(offset, 4000)) + int64_t(random() % 5) - 2;
@@ -66,6 +68,7 @@ TEST(BodyCheckTest, KernelsAgreeWithThePlainReading) {
       ASSERT_EQ(got.checksum, want.checksum);
       ASSERT_EQ(got.linksInside, want.linksInside);
       ASSERT_EQ(got.namesInRecordOrder, want.namesInRecordOrder);
+      ASSERT_EQ(got.anyDeleted, want.anyDeleted);
     }
   }
 }

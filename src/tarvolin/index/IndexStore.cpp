@@ -38,6 +38,7 @@ void IndexStore::validate() {
     throw IndexError::checksumMismatch();
   }
   namesInRecordOrder_ = check.namesInRecordOrder;
+  hasDeletedRecords_ = check.anyDeleted;
   records_ = reinterpret_cast<const FileRecord*>(body.data());
   blob_ = body.data() + uint64_t{sizeof(FileRecord)} * header_.recordCount;
 }

@@ -54,6 +54,9 @@ class IndexStore {
   /// True when every name starts at or after the end of the previous record's name, as in every
   /// index the engine writes: hits of one pass over the blob then map back to records in order.
   bool namesInRecordOrder() const { return namesInRecordOrder_; }
+  /// True when some record is marked deleted; a pass over every record that only needs the live
+  /// ones may skip reading their flags when none is.
+  bool hasDeletedRecords() const { return hasDeletedRecords_; }
   /// The whole file as mapped (header, records and names).
   std::span<const uint8_t> fileBytes() const { return file_.bytes(); }
   /// Size of the file when it was opened.
@@ -67,6 +70,7 @@ class IndexStore {
   const FileRecord* records_ = nullptr;
   const uint8_t* blob_ = nullptr;
   bool namesInRecordOrder_ = false;
+  bool hasDeletedRecords_ = true;
 };
 
 /// Why an index must be rebuilt before it can be used.

@@ -4,6 +4,7 @@
 #include <array>
 #include <bit>
 #include <cstdlib>
+#include <limits>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -55,6 +56,13 @@ class BestList {
     auto below = [](const RankedResult& r, int32_t v) { return r.score < v; };
     kept_.insert(std::lower_bound(kept_.begin(), kept_.end(), score, below),
                  RankedResult{match, score});
+  }
+
+  /// The score a match must beat to be kept: the worst kept one's once the list is full (an
+  /// equal score came later and loses), below every score before.
+  int64_t floor() const {
+    if (kept_.size() < capacity_) return std::numeric_limits<int64_t>::min();
+    return capacity_ == 0 ? std::numeric_limits<int64_t>::max() : kept_.front().score;
   }
 
   /// Best first.
@@ -263,6 +271,10 @@ std::vector<RankedResult> Ranker::rankByTable(const std::vector<Match>& matches,
   auto reduce = [&](size_t shard) {
     std::array<BestList, kBuckets> lists{BestList(capacity), BestList(capacity), BestList(capacity),
                                          BestList(capacity), BestList(capacity)};
+    // Each list's floor beside it, in registers: once the lists are full nearly every match
+    // falls below its floor, and is dismissed after one comparison.
+    std::array<int64_t, kBuckets> floors;
+    for (size_t b = 0; b < kBuckets; ++b) floors[b] = lists[b].floor();
     size_t end = std::min(matches.size(), (shard + 1) * chunk);
     for (size_t i = shard * chunk; i < end; ++i) {
       const Match& match = matches[i];
@@ -270,8 +282,10 @@ std::vector<RankedResult> Ranker::rankByTable(const std::vector<Match>& matches,
       auto bucket = static_cast<size_t>(match.quality);
       // An application's table score is above zero and no other record's is (scoresOf).
       if (match.quality <= MatchQuality::wordBoundary && base > 0) bucket = 0;
-      lists[bucket].offer(match,
-                          base - std::clamp<int32_t>(match.matchOffset, 0, maxOffsetPenalty));
+      int32_t score = base - std::clamp<int32_t>(match.matchOffset, 0, maxOffsetPenalty);
+      if (score <= floors[bucket]) continue;
+      lists[bucket].offer(match, score);
+      floors[bucket] = lists[bucket].floor();
     }
     for (size_t b = 0; b < kBuckets; ++b) partial[shard][b] = std::move(lists[b]).best();
   };

@@ -3,6 +3,7 @@
 #include <immintrin.h>
 
 #include <algorithm>
+#include <cstddef>
 
 #include "tarvolin/index/FileRecord.h"
 #include "tarvolin/index/detail/FastHash64Core.h"
@@ -13,11 +14,13 @@ namespace {
 
 using FastHash64::detail::Lanes;
 
-// The largest parent link and whether the names run in record order, noted record by record.
+// The largest parent link, whether the names run in record order and whether any record is
+// deleted, noted record by record.
 struct RecordChecks {
   uint32_t parentLimit = 0;  // the largest parentID + 1; the top marker wraps to 0
   bool unordered = false;    // some name starts before the previous one ends
   uint64_t previousEnd = 0;  // end of the last name noted
+  uint8_t flagsSeen = 0;     // every record's flags or'ed together
 
   void noteAll(const FileRecord* records, size_t count) {
     for (size_t i = 0; i < count; ++i) {
@@ -25,19 +28,21 @@ struct RecordChecks {
       parentLimit = std::max(parentLimit, r.parentID + 1);
       unordered |= r.nameOffset < previousEnd;
       previousEnd = uint64_t{r.nameOffset} + r.nameLen;
+      flagsSeen |= r.flags.rawValue;
     }
   }
 };
 
 // The same, four records a step, its state held in vector registers between steps.
 struct RecordChecksAvx2 {
-  __m256i limit, late, carry;
+  __m256i limit, late, carry, thirds;
 
   [[gnu::target("avx2"),
     gnu::always_inline]] inline explicit RecordChecksAvx2(const RecordChecks& from)
       : limit(_mm256_set1_epi32(static_cast<int>(from.parentLimit))),
         late(_mm256_set1_epi64x(from.unordered ? -1 : 0)),
-        carry(_mm256_set1_epi64x(static_cast<int64_t>(from.previousEnd))) {}  // lane 0 is read
+        carry(_mm256_set1_epi64x(static_cast<int64_t>(from.previousEnd))),  // lane 0 is read
+        thirds(_mm256_setzero_si256()) {}
 
   // Four records are 96 bytes, three 32-byte loads A, B, C of twelve 8-byte words. Record k's
   // first word (parentID, nameOffset) is word 3k and its third (mtime, nameLen, flags, ...) is
@@ -67,6 +72,8 @@ struct RecordChecksAvx2 {
     __m256i before = _mm256_blend_epi32(shifted, carry, 0b00000011);
     late = _mm256_or_si256(late, _mm256_cmpgt_epi64(before, offsets));  // ends stay below 2^33
     carry = shifted;
+    thirds = _mm256_or_si256(thirds, third);  // the flags are byte 5 of each
+    static_assert(offsetof(FileRecord, flags) == 16 + 5);
   }
 
   [[gnu::target("avx2")]] void finish(RecordChecks& into) const {
@@ -75,6 +82,9 @@ struct RecordChecksAvx2 {
     for (uint32_t value : limits) into.parentLimit = std::max(into.parentLimit, value);
     into.unordered = !_mm256_testz_si256(late, late);
     into.previousEnd = static_cast<uint64_t>(_mm256_extract_epi64(carry, 0));
+    alignas(32) uint64_t words[4];
+    _mm256_store_si256(reinterpret_cast<__m256i*>(words), thirds);
+    for (uint64_t word : words) into.flagsSeen |= static_cast<uint8_t>(word >> 40);
   }
 };
 
@@ -142,7 +152,8 @@ BodyCheck checkBody(std::span<const uint8_t> body, uint32_t count, uint32_t blob
   bool inOrder = !checks.unordered;
   bool namesInside =
       inOrder ? checks.previousEnd <= blobLength : !anyNameOutside(records, count, blobLength);
-  return {checksum, checks.parentLimit <= count && namesInside, inOrder};
+  bool anyDeleted = RecordFlags(checks.flagsSeen).contains(RecordFlags::deleted);
+  return {checksum, checks.parentLimit <= count && namesInside, inOrder, anyDeleted};
 }
 
 }  // namespace tarvolin::detail

@@ -1,6 +1,7 @@
 #pragma once
 // The one pass the store makes over an index body: the checksum, and with it the record checks
-// (every parent link inside the record table or the top marker; every name inside the blob).
+// (every parent link inside the record table or the top marker; every name inside the blob), and
+// whether any record is marked deleted.
 // The checks ride in the checksum's stripe loop on bytes it has just read, so they cost next to
 // nothing beside it.
 
@@ -13,6 +14,7 @@ struct BodyCheck {
   uint64_t checksum;        // FastHash64 of the whole body
   bool linksInside;         // every parent link and every name stays inside the file
   bool namesInRecordOrder;  // each name starts at or after the end of the one before
+  bool anyDeleted;          // some record is marked deleted
 };
 
 enum class CheckKernel { scalar, avx2 };
