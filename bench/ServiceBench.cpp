@@ -48,8 +48,8 @@ void BM_IndexUpdater_ChangedFolder(benchmark::State& state) {
   ScanResult scanned = scanner.scan(root.string(), 0);
   AttributeFiller::fill(scanned.builder, [] { return true; }, false,
                         AttributeFiller::Appetite::working, {});
-  uint32_t elsewhere = scanned.builder.addEntry(std::string_view("elsewhere"), 0,
-                                                RecordFlags::isDirectory, 0);
+  uint32_t elsewhere =
+      scanned.builder.addEntry(std::string_view("elsewhere"), 0, RecordFlags::isDirectory, 0);
   for (int64_t i = 0; i < state.range(0); ++i) {
     std::string name = "record_" + std::to_string(i) + ".dat";
     scanned.builder.addEntry(std::string_view(name), elsewhere, RecordFlags(), 0);
