@@ -13,6 +13,7 @@
 #include "tarvolin/index/PathResolver.h"
 #include "tarvolin/platform/Clock.h"
 #include "tarvolin/platform/Desktop.h"
+#include "tarvolin/platform/ProcessControl.h"
 #include "tarvolin/query/QueryParser.h"
 
 namespace tvl::pick {
@@ -99,6 +100,9 @@ bool PickSearch::live() const {
 
 PickSearch::~PickSearch() {
   if (feed_) feed_->cancel();
+  // The picker is ending: the tables' build stops early instead of holding up the exit (the
+  // future waits for it).
+  tablesStop_->store(true);
 }
 
 void PickSearch::loadStore() {
@@ -109,10 +113,13 @@ void PickSearch::loadStore() {
   matcher_ = std::make_unique<tarvolin::Matcher>(store_);
   // Scoring every record takes about as long as ranking them all, and grouping them by
   // extension a tenth of a second on two million names: done beside the first keystrokes, they
-  // spare every later keystroke with many matches or an extension.
-  tables_ = std::async(std::launch::async, [store = store_] {
+  // spare every later keystroke with many matches or an extension. The building thread runs at
+  // the lowest priority, so that a keystroke's search, which wants every processor, is not
+  // slowed by it.
+  tables_ = std::async(std::launch::async, [store = store_, stop = tablesStop_] {
+    tarvolin::platform::lowerThreadPriority(19);
     Tables tables{tarvolin::Ranker::scoresOf(store), nullptr};
-    if (auto groups = tarvolin::ExtensionIndex::build(*store, [] { return false; })) {
+    if (auto groups = tarvolin::ExtensionIndex::build(*store, [&stop] { return stop->load(); })) {
       tables.extensions = std::make_shared<const tarvolin::ExtensionIndex>(std::move(*groups));
     }
     return tables;

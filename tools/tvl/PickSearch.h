@@ -8,6 +8,7 @@
 // One thread (the picker's loop); the content search's workers only queue their hits and call
 // the `wake` callback given at construction, which must be safe from any thread.
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -86,6 +87,7 @@ class PickSearch {
     std::shared_ptr<const tarvolin::ExtensionIndex> extensions;
   };
   std::future<Tables> tables_;
+  std::shared_ptr<std::atomic<bool>> tablesStop_ = std::make_shared<std::atomic<bool>>(false);
   std::unique_ptr<tarvolin::Matcher> matcher_;  // for the name part of contains: queries
   std::shared_ptr<ContentFeed> feed_;           // the current contains: search, if any
 };
